@@ -1,0 +1,92 @@
+/*
+ * trace.cpp: the four sinks. Nothing is allocated for a message, and nothing but the open log file outlives
+ * it: every condition is asked anew each time.
+ */
+#include "dnscache/diagnostics/trace.h"
+
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "dnscache/dnscache.h"
+#include "platform/platmgr.h"
+
+FILE *log_file = nullptr;
+char file_name[255] = "";
+
+static constexpr char marker_file[] = "/bootflash/.enable_dns_debugs";
+
+struct history_record {
+    uint32_t subtype;
+    char text[512];
+};
+static_assert(offsetof(history_record, text) == 4 && sizeof(history_record) == 516);
+
+void trace_to_history(const char *format, ...)
+{
+    if (evtrack_hist_event_subtype_check(DNSCACHE_TRACE_CLASS, DNSCACHE_TRACE_FLAG) != 0)
+        return;
+    history_record record;
+    record.subtype = DNSCACHE_TRACE_FLAG;
+    record.text[0] = '\0';
+    va_list args;
+    va_start(args, format);
+    vsnprintf(record.text, sizeof record.text, format, args);
+    va_end(args);
+    const size_t length = offsetof(history_record, text) + strlen(record.text) + 1;
+    evtrack_hist_event(DNSCACHE_TRACE_CLASS, static_cast<uint32_t>(length), &record);
+}
+
+bool trace_debug_is_on()
+{
+    return evtrack_chk_int(DNSCACHE_TRACE_FLAG, 0, 0, 1) != 0;
+}
+
+static bool open_log_file()
+{
+    snprintf(file_name, sizeof file_name - 1, "/tmp/dnscache.log.%d",
+             static_cast<int>(platmgr_partition_get() & 0xffff));
+    log_file = fopen(file_name, "a");
+    if (log_file == nullptr)
+        return false;
+    /* Forked jobs write to it too, but no program that the host executes should. */
+    fcntl(fileno(log_file), F_SETFD, FD_CLOEXEC);
+    return true;
+}
+
+void trace_to_log_file(const char *function, int line, const char *format, ...)
+{
+    struct stat marker;
+    if (stat(marker_file, &marker) != 0)
+        return;
+    if (log_file == nullptr && !open_log_file())
+        return;
+    fprintf(log_file, "%s() : %d ", function, line);
+    va_list args;
+    va_start(args, format);
+    vfprintf(log_file, format, args);
+    va_end(args);
+    /* Never leave text behind for a forked child to write a second time. */
+    fflush(log_file);
+}
+
+void trace_to_stdout(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vprintf(format, args);
+    va_end(args);
+}
+
+void dnscache_trace_enter(const char *function, int line)
+{
+    dnscache_trace_to_platform("Entering : %s : Line : %d", function, line);
+}
+
+void dnscache_trace_exit(const char *function, int line)
+{
+    dnscache_trace_to_platform("Exiting: %s , Line : %d", function, line);
+}
