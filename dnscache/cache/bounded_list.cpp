@@ -1,0 +1,65 @@
+/*
+ * bounded_list.cpp: lists that own their data, newest first, and never outgrow their limit.
+ *
+ * One cycle of calls begins and may end here: a bounded prepend of the full cache -> refresh pass
+ * (cache_refresh.cpp) -> job start -> bounded prepend of the job list. It goes no deeper, since only the
+ * cache's limit runs a refresh pass.
+ */
+#include "dnscache/cache/bounded_list.h"
+
+#include <stdlib.h>
+
+#include "dnscache/diagnostics/trace.h"
+#include "dnscache/dnscache.h"
+
+void free_node(void *data)
+{
+    free(data);
+}
+
+void remove_list_link(GList **list, GList *link)
+{
+    *list = g_list_remove_link(*list, link);
+    free_node(link->data);
+    link->data = nullptr;
+    g_list_free_1(link);
+}
+
+static bool is_full(GList *list, int limit)
+{
+    return static_cast<int>(g_list_length(list)) >= limit;
+}
+
+GList *g_list_check_and_prepend(GList **list, void *data, int limit)
+{
+    if (list == nullptr) {
+        TRACE("%s(%d) list NULL\n", __func__, __LINE__);
+        return nullptr;
+    }
+    if (data == nullptr) {
+        TRACE("%s(%d) data NULL\n", __func__, __LINE__);
+        return *list;
+    }
+    TRACE("list_len = %d\n", static_cast<int>(g_list_length(*list)));
+    if (limit != 0 && is_full(*list, limit)) {
+        TRACE("Cache Size Exceeded.. Flushing Entries\n");
+        if (limit == MAX_CACHE_ENTRIES)
+            refresh_dns_cache();
+        if (is_full(*list, limit))
+            remove_list_link(list, g_list_last(*list));
+    }
+    /* The new element goes in last: no refresh pass judges it, and no eviction takes it. */
+    return g_list_prepend(*list, data);
+}
+
+static void free_element(void *data, void *)
+{
+    free_node(data);
+}
+
+int destroy_dns_cache(GList *list)
+{
+    g_list_foreach(list, free_element, nullptr);
+    g_list_free(list);
+    return 0;
+}

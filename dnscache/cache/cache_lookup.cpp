@@ -1,0 +1,54 @@
+/*
+ * cache_lookup.cpp: from a key to a chain. Reads the cache and never changes it.
+ */
+#include <string.h>
+
+#include "dnscache/diagnostics/trace.h"
+#include "dnscache/dnscache.h"
+
+static bool is_candidate(const server_spawnlet_data_t *record, const char *key)
+{
+    return record != nullptr && record->status != ENTRY_INVALID &&
+           strncmp(record->serv_id, key, sizeof record->serv_id - 1) == 0;
+}
+
+int check_local_cache(GList *list, const char *key, struct addrinfo **res)
+{
+    TRACE_ENTER();
+    TRACE("list length : %d\n", static_cast<int>(g_list_length(list)));
+    TRACE("serv_id: %s\n", text_or_null(key));
+
+    bool partial = false; /* *res holds what a decoding that ran out of memory left there */
+    for (const GList *link = list; link != nullptr; link = link->next) {
+        auto *record = static_cast<server_spawnlet_data_t *>(link->data);
+        if (!is_candidate(record, key))
+            continue;
+        TRACE("Entry Found\n");
+        if (partial)
+            freeaddrinfo(*res);
+        const int rc = get_res_back(record, res);
+        if (rc == 0 && *res != nullptr) {
+            TRACE("%s(%d):get_res_back() ret_code is SUCCESS(%d) and res is allocated.", __func__, __LINE__,
+                  rc);
+            return 0;
+        }
+        /* A record without entries ends the search: an older one must not answer for a newer one. */
+        if (rc == 0) {
+            TRACE("%s(%d): get_res_back, returned with NULL res!!! though rt_code:%d(SUCCESS) ASSERT ASSERT "
+                  "ASSERT.",
+                  __func__, __LINE__, rc);
+            return -1;
+        }
+        if (*res == nullptr) {
+            TRACE("%s(%d): get_res_back, returned with NULL res!!! rt_code:%d ASSERT ASSERT ASSERT.",
+                  __func__, __LINE__, rc);
+            return -1;
+        }
+        TRACE("%s(%d):get_res_back() returned %d(error) but res in not null.", __func__, __LINE__, rc);
+        partial = true;
+    }
+    TRACE("%s(%d):Returning NULL res as there  is no match found in spawnlet_data_list(local_cache).",
+          __func__, __LINE__);
+    TRACE_EXIT();
+    return -1;
+}

@@ -1,0 +1,159 @@
+/*
+ * cache_refresh.cpp: the refresh pass, which is the only place where a record's age counts, the background
+ * resolution that it starts, and the purge that it ends with.
+ *
+ * One cycle of calls runs through here: a bounded prepend of the full cache (bounded_list.cpp) -> refresh
+ * pass
+ * -> job start -> bounded prepend of the job list. Nothing on that way adds to the cache.
+ */
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "dnscache/cache/bounded_list.h"
+#include "dnscache/diagnostics/trace.h"
+#include "dnscache/dnscache.h"
+#include "dnscache/jobs/job_start.h"
+#include "dnscache/record_layout.h"
+#include "dnscache/records/request_record.h"
+#include "dnscache/state.h"
+
+static constexpr char starter[] = "add_entry_to_dns_cache";
+static constexpr char pass[] = "refresh_dns_cache";
+static constexpr char purge[] = "remove_old_entries_from_local_cache";
+
+static bool cache_answers(const char *key)
+{
+    struct addrinfo *chain = nullptr;
+    const int rc = check_local_cache(local_cache, key, &chain);
+    if (chain != nullptr)
+        freeaddrinfo(chain);
+    return rc == 0;
+}
+
+static bool is_running(const server_addr_info *request)
+{
+    for (const GList *link = job_list; link != nullptr; link = link->next) {
+        const auto *job = static_cast<const server_addr_info *>(link->data);
+        if (job != nullptr &&
+            strncmp(job->serv_name, request->serv_name, sizeof request->serv_name - 1) == 0 &&
+            job->vrf == request->vrf &&
+            strncmp(job->service, request->service, sizeof request->service - 1) == 0)
+            return true;
+    }
+    return false;
+}
+
+/* Takes the request over: into job_list, or freed. */
+static int start_in_background(server_addr_info *request, job_options *options)
+{
+    const uint32_t syserr = start_async_job(starter, request, options, REFRESH_JOB_SECONDS);
+    TRACE_AS(starter, "syserr for spawnlet_fork_fp_async : %d\n", static_cast<int>(syserr));
+    if (syserr != 0) {
+        free(request);
+        return -1;
+    }
+    TRACE_AS(starter, "Added to Job HDL List \n");
+    job_list = g_list_check_and_prepend(&job_list, request, MAX_SPAWNLETS);
+    running_jobs++;
+    TRACE_AS(starter, "Async Name Resolution Job Forked \n");
+    return 0;
+}
+
+int add_entry_to_dns_cache(const char *host, int port, int vrf, const struct addrinfo *hints)
+{
+    job_options options = new_job_options();
+    TRACE_ENTER();
+    char key[sizeof server_spawnlet_data_t::serv_id] = "";
+    create_hostcache_id(host, port, vrf, key);
+    char service[sizeof server_addr_info::service] = "";
+    snprintf(service, sizeof service - 1, "%d", port);
+    if (cache_answers(key))
+        return 0;
+
+    TRACE("Adding Server : %s:%s \n", text_or_null(host), service);
+    server_addr_info *request = new_request_record(__func__, host, service, hints, vrf);
+    if (request == nullptr)
+        return -1;
+    if (is_running(request)) {
+        TRACE("%s(%d):Job Already Forked for server:%s and service:%s!! returning 0.\n", __func__, __LINE__,
+              request->serv_name, request->service);
+        free(request);
+        return 0;
+    }
+    if (running_jobs >= MAX_SPAWNLETS) {
+        TRACE("Running jobs have exceeded than MAX_SPAWNLETS\n");
+        free(request);
+        return -1;
+    }
+    if (start_in_background(request, &options) != 0)
+        return -1;
+    TRACE_EXIT();
+    return 0;
+}
+
+/* Seconds since the record entered the cache, right across the end of 32-bit time; negative if in the future.
+ */
+static int32_t age_of(const server_spawnlet_data_t *record)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(time(nullptr)) -
+                                static_cast<uint32_t>(record->timestamp));
+}
+
+static void resolve_anew(const server_spawnlet_data_t *record)
+{
+    const struct addrinfo hints = hints_of_image(record->hints);
+    add_entry_to_dns_cache(record->serv_name, port_of_service(record->service), record->vrf, &hints);
+}
+
+static void expire(server_spawnlet_data_t *record)
+{
+    const int32_t age = age_of(record);
+    TRACE_AS(pass, "Timeout : %ld Cache timeout : %ld\n", long{age}, long{cache_timeout});
+    if (age <= cache_timeout)
+        return;
+    record->status = ENTRY_INVALID;
+    TRACE_AS(pass, "Timer Expired . Marking it as INVALID\n");
+    /* Marked before: the record itself must not count as the cache's answer. A start that fails is not
+     * retried. */
+    resolve_anew(record);
+}
+
+void refresh_dns_cache(void)
+{
+    TRACE_ENTER();
+    for (GList *link = local_cache; link != nullptr; link = link->next) {
+        if (link->data != nullptr)
+            expire(static_cast<server_spawnlet_data_t *>(link->data));
+    }
+    remove_old_entries_from_local_cache();
+    TRACE_EXIT();
+}
+
+static bool is_kept(const server_spawnlet_data_t *record)
+{
+    if (record == nullptr) {
+        TRACE_AS(purge, "dns_inf is NULL\n");
+        return false;
+    }
+    if (record->status == ENTRY_RESOLVED)
+        return true;
+    TRACE_AS(purge, "dns_inf->status : %d    dns_inf->serv_name: %s\n", record->status, record->serv_name);
+    return false;
+}
+
+void remove_old_entries_from_local_cache(void)
+{
+    TRACE_ENTER();
+    if (local_cache != nullptr)
+        TRACE("list length before remove: %d\n", static_cast<int>(g_list_length(local_cache)));
+    for (GList *link = local_cache; link != nullptr;) {
+        GList *next = link->next;
+        if (!is_kept(static_cast<server_spawnlet_data_t *>(link->data)))
+            remove_list_link(&local_cache, link);
+        link = next;
+    }
+    if (local_cache != nullptr)
+        TRACE("list length after remove: %d\n", static_cast<int>(g_list_length(local_cache)));
+    TRACE_EXIT();
+}

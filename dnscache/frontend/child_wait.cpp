@@ -1,0 +1,45 @@
+/*
+ * child_wait.cpp: a bounded wait for a child of the host's own. Nothing in the library calls it.
+ */
+#include <errno.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/wait.h>
+
+#include "dnscache/diagnostics/trace.h"
+#include "dnscache/dnscache.h"
+
+static constexpr int poll_interval_us = 25000;
+static constexpr int polls_max = 80;       /* 2 s of sleep */
+static constexpr int polls_per_trace = 40; /* 1 s of sleep */
+
+static void sleep_between_polls()
+{
+    struct timeval interval = {.tv_sec = 0, .tv_usec = poll_interval_us};
+    select(0, nullptr, nullptr, nullptr, &interval);
+}
+
+void dnscache_wait_for_child(int pid)
+{
+    int wait_iterations = 0;
+    for (;;) {
+        const pid_t reaped = waitpid(pid, nullptr, WNOHANG);
+        const int error = errno; /* before a trace sink can change it */
+        if (reaped > 0)
+            return;
+        if (wait_iterations == polls_max)
+            break;
+        if (reaped < 0 && error == EINTR)
+            continue;
+        if (reaped < 0) {
+            TRACE("%s(%d): spawnlet(%d) errno(D'%d:%s)\n", __func__, __LINE__, pid, error, strerror(error));
+            return;
+        }
+        wait_iterations++;
+        if (wait_iterations == 1 || wait_iterations % polls_per_trace == 0)
+            TRACE("%s(%d): iter(%d) Waiting for spawnlet(%d) to exit \n", __func__, __LINE__, wait_iterations,
+                  pid);
+        sleep_between_polls();
+    }
+    TRACE("%s(%d): spawnlet(%d) not yet exited\n", __func__, __LINE__, pid);
+}

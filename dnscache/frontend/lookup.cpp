@@ -1,0 +1,157 @@
+/*
+ * lookup.cpp: the lookup. The cache first; then a child that is waited for; then a child that is not.
+ *
+ * The request record belongs to the lookup until a background job has been started from it; then to the job
+ * list.
+ */
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "dnscache/diagnostics/trace.h"
+#include "dnscache/dnscache.h"
+#include "dnscache/jobs/job_start.h"
+#include "dnscache/records/record_intake.h"
+#include "dnscache/records/request_record.h"
+#include "dnscache/state.h"
+
+static constexpr char lookup[] = "getaddrinfo_async_mq3";
+static constexpr int JOB_IN_BACKGROUND = -3;
+
+static void release_chain(struct addrinfo **res)
+{
+    if (*res != nullptr)
+        freeaddrinfo(*res);
+    *res = nullptr;
+}
+
+static bool answered_by_cache(const char *node, const char *service, int32_t vrf, struct addrinfo **res)
+{
+    struct addrinfo *const before = *res;
+    char key[512] = "";
+    create_hostcache_id(node, port_of_service(service), vrf, key);
+    if (check_local_cache(local_cache, key, res) == 0) {
+        TRACE_AS(lookup, "Found in Local Cache\n");
+        return true;
+    }
+    /* Part of a chain, if memory ran out. What the caller left there before is not ours to release. */
+    if (*res != before)
+        release_chain(res);
+    return false;
+}
+
+/* Whatever its port and VRF: one slow host should not fill the list of background jobs. */
+static bool is_host_running(const server_addr_info *request)
+{
+    bool running = false;
+    for (const GList *link = job_list; link != nullptr; link = link->next) {
+        const auto *job = static_cast<const server_addr_info *>(link->data);
+        if (job == nullptr || strncmp(request->serv_name, job->serv_name, sizeof request->serv_name - 1) != 0)
+            continue;
+        TRACE_AS(lookup, "%s(%d):Job Already Forked for server %s\n", lookup, __LINE__, request->serv_name);
+        running = true;
+    }
+    return running;
+}
+
+static job_outcome run_blocking_job(server_addr_info *request, bool host_is_running, job_options *options)
+{
+    if (host_is_running)
+        TRACE_AS(lookup, "for server(%s):sync-job found - No cache entry \n", request->serv_name);
+    else
+        TRACE_AS(lookup, "for server(%s):No cache entry - No sync-job\n", request->serv_name);
+    TRACE_AS(lookup, "trying to resolve using blocking spawnlet with timeout %d secs \n", blocking_timeout);
+
+    const job_outcome outcome = start_blocking_job(lookup, request, options);
+    TRACE_AS(lookup, "%s(%d):spawnlet_fork_fp:syserr:0x%x ret_syserr:0x%x str(syserr): %s\n", lookup,
+             __LINE__, outcome.syserr, static_cast<unsigned>(outcome.ret_syserr),
+             errcode2str(outcome.syserr));
+    return outcome;
+}
+
+/* Once its job has started, *request belongs to the job list and becomes NULL. */
+static int go_on_in_background(server_addr_info **request, job_options *options)
+{
+    if (running_jobs >= MAX_SPAWNLETS) {
+        TRACE_AS(lookup, "Running jobs have exceeded than MAX_SPAWNLETS, treating as not-resolvable.\n");
+        return -1;
+    }
+    const uint32_t syserr = start_async_job(lookup, *request, options, ASYNC_JOB_SECONDS);
+    TRACE_AS(lookup, "syserr for spawnlet_fork_fp_async : 0x%x\n", syserr);
+    if (syserr != 0) {
+        TRACE_AS(lookup, "****** Freeing serv_ptr %p  ******** \n", static_cast<void *>(*request));
+        return -1;
+    }
+    const char *server = (*request)->serv_name;
+    TRACE_AS(lookup, "%s(%d):Added resolver thread for server %s to Job HDL List \n", lookup, __LINE__,
+             server);
+    job_list = g_list_check_and_prepend(&job_list, *request, MAX_SPAWNLETS);
+    running_jobs++;
+    TRACE_AS(lookup, "%s(%d):Async Name Resolution Job Forked for server %s \n", lookup, __LINE__, server);
+    *request = nullptr;
+    return JOB_IN_BACKGROUND;
+}
+
+static int take_answer(const job_outcome &outcome, struct addrinfo **res)
+{
+    if (outcome.ret_info_size != sizeof(server_spawnlet_data_t) || outcome.ret_info == nullptr)
+        return -1;
+    server_spawnlet_data_t *record = new_record_from_child(outcome.ret_info);
+    if (record == nullptr) {
+        TRACE_AS(lookup, "No Memory.. Malloc Failed\n");
+        return -1;
+    }
+    record->status = ENTRY_RESOLVED;
+    if (get_res_back(record, res) != 0) {
+        TRACE_AS(lookup, "get_res_back Failed in getaddrinfo_async\n");
+        release_chain(res);
+        free(record);
+        return -1;
+    }
+    TRACE_AS(lookup, "get_res_back Sucess . adding to list \n");
+    record->timestamp = static_cast<int32_t>(time(nullptr));
+    /* The record is the cache's from here on. */
+    local_cache = g_list_check_and_prepend(&local_cache, record, MAX_CACHE_ENTRIES);
+    return 0;
+}
+
+static int take_outcome(const server_addr_info *request, const job_outcome &outcome, struct addrinfo **res)
+{
+    if (outcome.syserr != 0) {
+        TRACE_AS(lookup, "spawnlet fail with syserr(%d)\n", static_cast<int>(outcome.syserr));
+        return static_cast<int>(outcome.syserr);
+    }
+    if (outcome.ret_syserr != 0) {
+        TRACE_AS(lookup, "%s(%d):Job Completed Successfully for server:%s but unable to resolve\n", lookup,
+                 __LINE__, request->serv_name);
+        TRACE_AS(lookup, "%s(%d): DNS fail(%d:%s)\n", lookup, __LINE__, outcome.ret_syserr,
+                 gai_strerror(outcome.ret_syserr));
+        return outcome.ret_syserr;
+    }
+    return take_answer(outcome, res);
+}
+
+int getaddrinfo_async_mq3(const char *node, const char *service, const struct addrinfo *hints, int32_t vrf,
+                          struct addrinfo **res)
+{
+    if (service == nullptr || node == nullptr || hints == nullptr)
+        return -1;
+    if (answered_by_cache(node, service, vrf, res))
+        return 0;
+
+    job_options options = new_job_options();
+    server_addr_info *request = new_request_record(lookup, node, service, hints, vrf);
+    if (request == nullptr)
+        return -1;
+    const bool host_is_running = is_host_running(request);
+    const job_outcome outcome = run_blocking_job(request, host_is_running, &options);
+    int result;
+    if (outcome.syserr != 0 && !host_is_running)
+        result = go_on_in_background(&request, &options);
+    else
+        result = take_outcome(request, outcome, res);
+    free(request);
+    if (result != 0 && *res == nullptr)
+        TRACE("%s(%d):Returning NULL res!!!ASSERT ASSERT ASSERT.\n", __func__, __LINE__);
+    return result;
+}
