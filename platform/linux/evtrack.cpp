@@ -1,0 +1,125 @@
+/*
+ * evtrack.cpp: the event history and the debug channel.
+ *
+ * The history is a ring in memory that forked jobs share: made once, by the first switch-on, and kept, so
+ * that jobs which run at that moment lose nothing. Its writers are processes that may be killed in the middle
+ * of a record, so there is nothing to lock: a writer draws a ticket, marks its slot as being written, and
+ * signs it with the ticket when it is whole. The reader takes signed slots only, and looks at the signature
+ * twice.
+ */
+#include "platform/evtrack.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "platform/linux/linux_platform.h"
+
+struct history_slot {
+    uint64_t signature; /* ticket of the record inside; 0 while it is written */
+    uint32_t event_class;
+    uint32_t length;
+    int32_t pid;
+    unsigned char record[LINUX_HISTORY_BYTES];
+};
+
+struct history_ring {
+    uint64_t last_ticket;
+    history_slot slots[LINUX_HISTORY_RECORDS];
+};
+
+static history_ring *ring;
+static bool history_is_on;
+static bool debug_is_on;
+
+evtrack_modname evtrack_dbg_modname = {"dnscache"};
+
+int linux_history_enable(int on)
+{
+    if (on != 0 && ring == nullptr) {
+        void *memory = mmap(nullptr, sizeof *ring, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED)
+            return -1;
+        ring = static_cast<history_ring *>(memory);
+    }
+    history_is_on = on != 0;
+    return 0;
+}
+
+int evtrack_hist_event_subtype_check(uint32_t, uint32_t)
+{
+    return history_is_on ? 0 : 1;
+}
+
+int evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record)
+{
+    if (!history_is_on)
+        return -1;
+    const uint64_t ticket = __atomic_add_fetch(&ring->last_ticket, 1, __ATOMIC_RELAXED);
+    history_slot *slot = &ring->slots[ticket % LINUX_HISTORY_RECORDS];
+    __atomic_store_n(&slot->signature, 0, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    slot->event_class = event_class;
+    slot->length = length < LINUX_HISTORY_BYTES ? length : LINUX_HISTORY_BYTES;
+    slot->pid = getpid();
+    memcpy(slot->record, record, slot->length);
+    __atomic_store_n(&slot->signature, ticket, __ATOMIC_RELEASE);
+    return 0;
+}
+
+/* false: not this record, whether it is being written or already overwritten. */
+static bool copy_signed(uint64_t ticket, linux_history_record *record)
+{
+    const history_slot *slot = &ring->slots[ticket % LINUX_HISTORY_RECORDS];
+    if (__atomic_load_n(&slot->signature, __ATOMIC_ACQUIRE) != ticket)
+        return false;
+    record->sequence = ticket;
+    record->event_class = slot->event_class;
+    record->length = slot->length < LINUX_HISTORY_BYTES ? slot->length : LINUX_HISTORY_BYTES;
+    record->pid = slot->pid;
+    memcpy(record->record, slot->record, sizeof record->record);
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    return __atomic_load_n(&slot->signature, __ATOMIC_RELAXED) == ticket;
+}
+
+int linux_history_read(uint64_t *cursor, linux_history_record *record)
+{
+    if (ring == nullptr)
+        return 0;
+    const uint64_t last = __atomic_load_n(&ring->last_ticket, __ATOMIC_ACQUIRE);
+    const uint64_t overrun = last > LINUX_HISTORY_RECORDS ? last - LINUX_HISTORY_RECORDS : 0;
+    for (uint64_t ticket = (*cursor > overrun ? *cursor : overrun) + 1; ticket <= last; ticket++) {
+        if (!copy_signed(ticket, record))
+            continue;
+        *cursor = ticket;
+        return 1;
+    }
+    return 0;
+}
+
+void linux_debug_enable(int on)
+{
+    debug_is_on = on != 0;
+}
+
+int evtrack_chk_int(int, int, int, int)
+{
+    return debug_is_on ? 1 : 0;
+}
+
+int dbgemit(int, const void *modname, int, const char *format, ...)
+{
+    fprintf(stderr, "%s: ", static_cast<const evtrack_modname *>(modname)->name);
+    va_list args;
+    va_start(args, format);
+    const int written = vfprintf(stderr, format, args);
+    va_end(args);
+    /* Some messages end their line and some do not; on this channel each has a line of its own. */
+    const size_t length = strlen(format);
+    if (length == 0 || format[length - 1] != '\n')
+        fputc('\n', stderr);
+    return written;
+}

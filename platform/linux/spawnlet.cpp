@@ -1,0 +1,304 @@
+/*
+ * spawnlet.cpp: the calls of the job service, its table of jobs, its codes and their texts.
+ *
+ * A job is over when its child's result has been read, not when the child has exited: for a parent with much
+ * memory that exit takes as long as the fork did. The child is reaped later, through its pidfd, and nobody
+ * minds if somebody else has collected it.
+ */
+#include "platform/spawnlet.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/pidfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "platform/linux/linux_platform.h"
+#include "platform/linux/spawnlet_jobs.h"
+
+static_assert(sizeof(job_options) == 44);
+
+static constexpr int64_t ns_per_second = 1'000'000'000;
+static constexpr int64_t ns_per_ms = 1'000'000;
+
+static job jobs[LINUX_JOBS_MAX];
+static linux_job_counters counters;
+static unsigned char *last_handback; /* of spawnlet_fork_fp() */
+
+std::span<job> all_jobs()
+{
+    return jobs;
+}
+
+int64_t monotonic_ns()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * ns_per_second + now.tv_nsec;
+}
+
+void linux_jobs_started(linux_job_counters *out)
+{
+    *out = counters;
+}
+
+const char *errcode2str(uint32_t code)
+{
+    switch (code) {
+    case LINUX_JOB_OK:
+        return "success";
+    case LINUX_JOB_TIMED_OUT:
+        return "job timed out";
+    case LINUX_JOB_NO_RESULT:
+        return "child ended without a result";
+    case LINUX_JOB_FORK_REFUSED:
+        return "fork refused";
+    case LINUX_JOB_NO_RESOURCES:
+        return "out of descriptors or memory";
+    case LINUX_JOB_TOO_LARGE:
+        return "hand-back too large";
+    case LINUX_JOB_BAD_ARGUMENT:
+        return "bad argument";
+    default:
+        return "unknown code";
+    }
+}
+
+/* A job moves on */
+
+static bool is_readable(int fd)
+{
+    struct pollfd one = {.fd = fd, .events = POLLIN, .revents = 0};
+    return poll(&one, 1, 0) > 0;
+}
+
+static uint32_t code_of(wire_state state)
+{
+    switch (state) {
+    case WIRE_DONE:
+        return LINUX_JOB_OK;
+    case WIRE_TOO_LARGE:
+        return LINUX_JOB_TOO_LARGE;
+    case WIRE_NO_MEMORY:
+        return LINUX_JOB_NO_RESOURCES;
+    default:
+        return LINUX_JOB_NO_RESULT;
+    }
+}
+
+bool job_advance(job *job)
+{
+    /* Asked before the channel is read, so that nothing which the child wrote before its end is missed. */
+    const bool has_exited = is_readable(job->pidfd);
+    const wire_input input = wire_receive(&job->reader, job->channel);
+    if (job->reader.state != WIRE_READING)
+        job->code = code_of(job->reader.state);
+    else if (input == WIRE_INPUT_END || (input == WIRE_INPUT_NONE && has_exited))
+        job->code = LINUX_JOB_NO_RESULT; /* a grandchild may hold the channel open: the child's end decides */
+    else if (monotonic_ns() >= job->deadline_ns)
+        job->code = LINUX_JOB_TIMED_OUT;
+    else
+        return false;
+    return true;
+}
+
+void job_retire(job *job)
+{
+    if (job->code != LINUX_JOB_OK)
+        pidfd_send_signal(job->pidfd, SIGKILL, nullptr, 0);
+    close(job->channel);
+    wire_release(&job->reader);
+    job->state = JOB_LEAVING;
+}
+
+void jobs_reap()
+{
+    for (job &job : jobs) {
+        if (job.state != JOB_LEAVING)
+            continue;
+        siginfo_t exited = {};
+        const int rc = waitid(P_PIDFD, static_cast<id_t>(job.pidfd), &exited, WEXITED | WNOHANG);
+        if ((rc == 0 && exited.si_pid != 0) || (rc < 0 && errno == ECHILD)) {
+            close(job.pidfd);
+            job = {};
+        } else if (monotonic_ns() >= job.deadline_ns) {
+            pidfd_send_signal(job.pidfd, SIGKILL, nullptr, 0);
+        }
+    }
+}
+
+/* Starting a job */
+
+static job *free_slot()
+{
+    for (job &job : jobs)
+        if (job.state == JOB_FREE)
+            return &job;
+    return nullptr;
+}
+
+static uint32_t new_handle()
+{
+    static uint32_t last;
+    for (;;) {
+        last++;
+        bool is_taken = last == 0;
+        for (const job &job : jobs)
+            is_taken = is_taken || (job.state != JOB_FREE && job.handle == last);
+        if (!is_taken)
+            return last;
+    }
+}
+
+static int seconds_allowed(const job_options *options)
+{
+    const bool is_bounded = options->timeout_secs > 0 && options->timeout_secs < LINUX_JOB_SECONDS_MAX;
+    return is_bounded ? options->timeout_secs : LINUX_JOB_SECONDS_MAX;
+}
+
+static bool is_refused(spawnlet_body_t body, const job_options *options)
+{
+    return body == nullptr || options == nullptr || options->record_size != sizeof *options ||
+           options->timeout_secs < 0 || in_job_child();
+}
+
+/* Signals stay blocked until the child has shed the host's handlers. */
+static pid_t fork_job(const child_plan *plan)
+{
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t pid = fork();
+    if (pid == 0)
+        child_run(plan);
+    const int error = errno;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return pid;
+}
+
+/* A child that we hold no pidfd of stands at its gate and leaves when the channel closes. */
+static void reap_at_gate(pid_t pid)
+{
+    for (int ms = 0; ms < 1000 && waitpid(pid, nullptr, WNOHANG) == 0; ms++)
+        poll(nullptr, 0, 1);
+}
+
+static uint32_t code_of_failed_fork(int error)
+{
+    return error == EAGAIN ? LINUX_JOB_FORK_REFUSED : LINUX_JOB_NO_RESOURCES;
+}
+
+/* On success the slot is RUNNING, and its child waits at the gate. */
+static uint32_t fork_into(job *slot, child_plan *plan)
+{
+    int channel[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0)
+        return LINUX_JOB_NO_RESOURCES;
+    plan->parent_channel = channel[0];
+    plan->channel = channel[1];
+    const pid_t pid = fork_job(plan);
+    const int fork_error = errno;
+    close(channel[1]);
+    const int pidfd = pid > 0 ? pidfd_open(pid, 0) : -1;
+    if (pidfd < 0) {
+        close(channel[0]);
+        if (pid < 0)
+            return code_of_failed_fork(fork_error);
+        reap_at_gate(pid);
+        return LINUX_JOB_NO_RESOURCES;
+    }
+    slot->state = JOB_RUNNING;
+    slot->pidfd = pidfd;
+    slot->channel = channel[0];
+    return LINUX_JOB_OK;
+}
+
+static uint32_t start_job(child_plan *plan, const job_options *options, uint32_t handle, job **started)
+{
+    jobs_reap();
+    job *slot = free_slot();
+    if (slot == nullptr)
+        return LINUX_JOB_NO_RESOURCES;
+    const int seconds = seconds_allowed(options);
+    const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
+    plan->parent = getpid();
+    plan->seconds = static_cast<unsigned>(seconds) + 1;
+    const uint32_t code = fork_into(slot, plan);
+    if (code != LINUX_JOB_OK)
+        return code;
+    slot->handle = handle;
+    slot->deadline_ns = deadline_ns;
+    if (handle != 0 && !queue_watch(slot)) {
+        slot->code = LINUX_JOB_NO_RESOURCES;
+        job_retire(slot);
+        return slot->code;
+    }
+    send(slot->channel, "", 1,
+         MSG_NOSIGNAL); /* opens the gate; a child that is gone shows in job_advance() */
+    *started = slot;
+    return LINUX_JOB_OK;
+}
+
+/* The two calls */
+
+static void wait_for(job *job)
+{
+    while (!job_advance(job)) {
+        struct pollfd either[] = {{.fd = job->channel, .events = POLLIN, .revents = 0},
+                                  {.fd = job->pidfd, .events = POLLIN, .revents = 0}};
+        /* Rounded up, so that the last poll does not end early and turn into a busy loop. */
+        const int64_t left_ms = (job->deadline_ns - monotonic_ns() + ns_per_ms - 1) / ns_per_ms;
+        poll(either, 2, left_ms > 0 ? static_cast<int>(left_ms) : 0);
+    }
+}
+
+uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint32_t *ret_info_size,
+                          int32_t *ret_syserr, const job_options *options, FILE *in, FILE *out, FILE *err)
+{
+    if (is_refused(body, options) || ret_info == nullptr || ret_info_size == nullptr || ret_syserr == nullptr)
+        return LINUX_JOB_BAD_ARGUMENT;
+    free(last_handback);
+    last_handback = nullptr;
+    *ret_info = nullptr;
+    *ret_info_size = 0;
+    *ret_syserr = 0;
+
+    child_plan plan = {.body = body, .arg = arg, .in = in, .out = out, .err = err};
+    job *job;
+    const uint32_t refused = start_job(&plan, options, 0, &job);
+    if (refused != LINUX_JOB_OK)
+        return refused;
+    counters.blocking++;
+    wait_for(job);
+    const uint32_t code = job->code;
+    if (code == LINUX_JOB_OK) {
+        last_handback = job->reader.handback; /* the job's no longer */
+        job->reader.handback = nullptr;
+        *ret_info = last_handback;
+        *ret_info_size = job->reader.handback_size;
+        *ret_syserr = job->reader.result;
+    }
+    job_retire(job);
+    return code;
+}
+
+uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int, const job_options *options, FILE *in,
+                                FILE *out, FILE *err, uint32_t *handle)
+{
+    if (is_refused(body, options) || handle == nullptr)
+        return LINUX_JOB_BAD_ARGUMENT;
+    child_plan plan = {.body = body, .arg = arg, .in = in, .out = out, .err = err};
+    job *job;
+    const uint32_t refused = start_job(&plan, options, new_handle(), &job);
+    if (refused != LINUX_JOB_OK)
+        return refused;
+    counters.background++;
+    counters.last_handle = job->handle;
+    *handle = job->handle;
+    return LINUX_JOB_OK;
+}

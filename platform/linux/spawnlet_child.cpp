@@ -1,0 +1,183 @@
+/*
+ * spawnlet_child.cpp: everything that happens between the fork and the exit of a job's child.
+ *
+ * The child is a copy of a daemon at an arbitrary moment. Before the body runs it sheds what belongs to the
+ * daemon: signal handlers, descriptors, text that waits in buffers. It leaves by _exit(), since exit handlers
+ * are the daemon's too.
+ */
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio_ext.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/linux/linux_platform.h"
+#include "platform/linux/spawnlet_jobs.h"
+
+/* The channel to the parent; -1 in every process that is not the child of a job. */
+static int child_channel = -1;
+
+bool in_job_child()
+{
+    return child_channel >= 0;
+}
+
+static void default_signals()
+{
+    for (int number = 1; number < NSIG; number++)
+        signal(number, SIG_DFL);
+}
+
+static void unblock_signals()
+{
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+static void die_with_parent(pid_t parent)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) /* it died before the line above */
+        _exit(EXIT_FAILURE);
+}
+
+static bool is_regular_file(int fd)
+{
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+static int descriptor_of(FILE *stream)
+{
+    return stream != nullptr ? fileno(stream) : -1;
+}
+
+/* Three streams that nobody waits on: text that the daemon has buffered is the daemon's to write. */
+static void forget_buffered_text(const child_plan *plan)
+{
+    for (FILE *stream : {stdout, stderr, plan->out, plan->err})
+        if (stream != nullptr)
+            __fpurge(stream);
+}
+
+static void flush_own_text(const child_plan *plan)
+{
+    for (FILE *stream : {stdout, stderr, plan->out, plan->err})
+        if (stream != nullptr)
+            fflush(stream);
+}
+
+/*
+ * Regular files may stay, the debug log is one: they keep nothing alive that others wait for. Not so sockets,
+ * pipes and event descriptors, where the daemon's peers would not see it close them.
+ */
+static void shed(const child_plan *plan, int fd)
+{
+    const bool is_needed = fd <= STDERR_FILENO || fd == child_channel || fd == descriptor_of(plan->in) ||
+                           fd == descriptor_of(plan->out) || fd == descriptor_of(plan->err);
+    if (!is_needed && !is_regular_file(fd))
+        close(fd);
+}
+
+static void close_inherited(const child_plan *plan)
+{
+    DIR *open_descriptors = opendir("/proc/self/fd");
+    if (open_descriptors == nullptr) { /* a daemon may live where there is no /proc */
+        for (int fd = 0, limit = getdtablesize(); fd < limit; fd++)
+            shed(plan, fd);
+        return;
+    }
+    while (const struct dirent *entry = readdir(open_descriptors)) {
+        const int fd = atoi(entry->d_name);
+        if (fd != dirfd(open_descriptors))
+            shed(plan, fd);
+    }
+    closedir(open_descriptors);
+}
+
+/* A copy out of the way of descriptors 0 to 2, which are about to change. */
+static int copy_above_streams(int fd)
+{
+    const int copy = fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
+    if (copy >= 0)
+        return copy;
+    const int null_device = open("/dev/null", O_RDWR | O_CLOEXEC);
+    const int moved = null_device >= 0 ? fcntl(null_device, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
+    if (moved < 0)
+        _exit(EXIT_FAILURE); /* else the next socket would become a standard stream, and get the trace */
+    close(null_device);
+    return moved;
+}
+
+static void connect_streams(const child_plan *plan)
+{
+    const int original[] = {descriptor_of(plan->in), descriptor_of(plan->out), descriptor_of(plan->err)};
+    int copy[3];
+    for (int i = 0; i < 3; i++)
+        copy[i] = copy_above_streams(original[i]);
+    for (int i = 0; i < 3; i++) {
+        dup2(copy[i], i);
+        close(copy[i]);
+    }
+    for (const int fd : original)
+        if (fd > STDERR_FILENO && !is_regular_file(fd))
+            close(fd);
+}
+
+/* The parent opens the gate once it holds our pidfd; before that we must not exit and lose our pid. */
+static void pass_gate(int channel)
+{
+    char gate;
+    ssize_t got;
+    do
+        got = recv(channel, &gate, sizeof gate, 0);
+    while (got < 0 && errno == EINTR);
+    if (got != sizeof gate)
+        _exit(EXIT_FAILURE);
+}
+
+void child_run(const child_plan *plan)
+{
+    default_signals();
+    die_with_parent(plan->parent);
+    close(plan->parent_channel);
+    child_channel = fcntl(plan->channel, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (child_channel < 0)
+        _exit(EXIT_FAILURE);
+    close(plan->channel);
+    forget_buffered_text(plan);
+    close_inherited(plan);
+    connect_streams(plan);
+    pass_gate(child_channel);
+    alarm(plan->seconds);
+    unblock_signals();
+
+    const int32_t result = plan->body(plan->arg);
+    wire_send(child_channel, FRAME_RESULT, {reinterpret_cast<const unsigned char *>(&result), sizeof result});
+    /* After the result: a reader of our text that has stopped reading must not hold the answer up. */
+    flush_own_text(plan);
+    _exit(EXIT_SUCCESS);
+}
+
+int spawnlet_done(const void *buffer, uint32_t size)
+{
+    if (!in_job_child() || (buffer == nullptr && size > 0)) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (size > LINUX_HANDBACK_MAX) {
+        /* The size alone tells the parent why there is no answer. */
+        const frame_header header = {.kind = FRAME_HANDBACK, .size = size};
+        send(child_channel, &header, sizeof header, MSG_NOSIGNAL);
+        errno = EMSGSIZE;
+        return -1;
+    }
+    return wire_send(child_channel, FRAME_HANDBACK, {static_cast<const unsigned char *>(buffer), size});
+}

@@ -1,0 +1,151 @@
+/*
+ * spawnlet_queue.cpp: completions behind one pollable descriptor.
+ *
+ * The queue is an epoll descriptor over the channel and the pidfd of every background job, and over a timer
+ * that is set to the earliest of their deadlines. It holds no completions: taking one means to look at the
+ * jobs, in turn, and to end the first that is over. So nothing can be lost between a job and its completion.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include "platform/linux/linux_platform.h"
+#include "platform/linux/spawnlet_jobs.h"
+
+static int registered_queue = -1;
+static int deadline_timer = -1;
+static unsigned char *delivered_handback; /* of the last completion */
+
+static bool is_in_background(const job &job)
+{
+    return job.state == JOB_RUNNING && job.handle != 0;
+}
+
+/* To the earliest deadline; one that has passed makes the timer readable at once. */
+static void set_timer()
+{
+    int64_t earliest = INT64_MAX;
+    for (const job &job : all_jobs())
+        if (is_in_background(job) && job.deadline_ns < earliest)
+            earliest = job.deadline_ns;
+    struct itimerspec when = {}; /* all zero disarms */
+    if (earliest != INT64_MAX) {
+        when.it_value.tv_sec = static_cast<time_t>(earliest / 1'000'000'000);
+        when.it_value.tv_nsec = static_cast<long>(earliest % 1'000'000'000);
+    }
+    timerfd_settime(deadline_timer, TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
+static bool add_to_queue(int fd)
+{
+    struct epoll_event event = {.events = EPOLLIN, .data = {.fd = fd}};
+    return epoll_ctl(registered_queue, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+/* Asked for explicitly: a forked child may hold a copy that would keep the descriptor in the queue. */
+static void drop_from_queue(int fd)
+{
+    epoll_ctl(registered_queue, EPOLL_CTL_DEL, fd, nullptr);
+}
+
+bool queue_watch(const job *job)
+{
+    if (registered_queue < 0)
+        return true;
+    if (!add_to_queue(job->channel))
+        return false;
+    if (!add_to_queue(job->pidfd)) {
+        drop_from_queue(job->channel);
+        return false;
+    }
+    set_timer();
+    return true;
+}
+
+void queue_unwatch(const job *job)
+{
+    drop_from_queue(job->channel);
+    drop_from_queue(job->pidfd);
+}
+
+uint32_t linux_queue_create(void)
+{
+    const int queue = epoll_create1(EPOLL_CLOEXEC);
+    if (queue != 0)
+        return queue > 0 ? static_cast<uint32_t>(queue) : 0;
+    /* The host runs without standard input; 0 means no queue. */
+    const int moved = fcntl(queue, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(queue);
+    return moved > 0 ? static_cast<uint32_t>(moved) : 0;
+}
+
+/* Undoes whatever part of a registration had been made. */
+static uint32_t unregister(uint32_t code)
+{
+    for (const job &job : all_jobs())
+        if (is_in_background(job))
+            queue_unwatch(&job);
+    close(deadline_timer);
+    deadline_timer = -1;
+    registered_queue = -1;
+    return code;
+}
+
+uint32_t spawnlet_register_async_q(uint32_t queue)
+{
+    if (queue == 0 || queue > INT32_MAX || registered_queue >= 0 || in_job_child())
+        return LINUX_JOB_BAD_ARGUMENT;
+    deadline_timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (deadline_timer < 0)
+        return LINUX_JOB_NO_RESOURCES;
+    registered_queue = static_cast<int>(queue);
+    if (!add_to_queue(deadline_timer))
+        return unregister(errno == EBADF || errno == EINVAL ? LINUX_JOB_BAD_ARGUMENT
+                                                            : LINUX_JOB_NO_RESOURCES);
+    for (const job &job : all_jobs())
+        if (is_in_background(job) && !queue_watch(&job))
+            return unregister(LINUX_JOB_NO_RESOURCES);
+    return LINUX_JOB_OK;
+}
+
+static void complete(job *job, linux_completion *completion)
+{
+    *completion = {};
+    completion->handle = job->handle;
+    completion->syserr = job->code;
+    if (job->code == LINUX_JOB_OK) {
+        delivered_handback = job->reader.handback; /* the job's no longer */
+        job->reader.handback = nullptr;
+        completion->ret_info = delivered_handback;
+        completion->ret_info_size = job->reader.handback_size;
+        completion->ret_syserr = job->reader.result;
+    }
+    queue_unwatch(job);
+    job_retire(job);
+}
+
+int linux_queue_next(uint32_t queue, linux_completion *completion)
+{
+    if (registered_queue < 0 || queue != static_cast<uint32_t>(registered_queue)) {
+        errno = EINVAL;
+        return -1;
+    }
+    free(delivered_handback);
+    delivered_handback = nullptr;
+    jobs_reap();
+
+    static uint32_t turn; /* where to look first, so that no busy job keeps the others waiting */
+    int taken = 0;
+    for (uint32_t i = 0; i < LINUX_JOBS_MAX && taken == 0; i++) {
+        job *job = &all_jobs()[turn++ % LINUX_JOBS_MAX];
+        if (is_in_background(*job) && job_advance(job)) {
+            complete(job, completion);
+            taken = 1;
+        }
+    }
+    set_timer();
+    return taken;
+}
