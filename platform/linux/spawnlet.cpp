@@ -11,11 +11,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/pidfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+extern "C" {
+#include <sys/pidfd.h> /* older C libraries forgot to say it themselves */
+}
 
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/spawnlet_jobs.h"
