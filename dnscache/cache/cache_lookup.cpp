@@ -6,10 +6,39 @@
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
 
+static constexpr char lookup[] = "check_local_cache";
+
 static bool is_candidate(const server_spawnlet_data_t *record, const char *key)
 {
     return record != nullptr && record->status != ENTRY_INVALID &&
            strncmp(record->serv_id, key, sizeof record->serv_id - 1) == 0;
+}
+
+/* Two of these end the search: a record without entries too, since an older one must not answer for a newer
+ * one. */
+enum verdict { FOUND, UNUSABLE, PARTIAL };
+
+static verdict judge(int rc, const struct addrinfo *chain)
+{
+    if (rc == 0 && chain != nullptr) {
+        TRACE_AS(lookup, "%s(%d):get_res_back() ret_code is SUCCESS(%d) and res is allocated.", lookup,
+                 __LINE__, rc);
+        return FOUND;
+    }
+    if (rc == 0) {
+        TRACE_AS(lookup,
+                 "%s(%d): get_res_back, returned with NULL res!!! though rt_code:%d(SUCCESS) ASSERT ASSERT "
+                 "ASSERT.",
+                 lookup, __LINE__, rc);
+        return UNUSABLE;
+    }
+    if (chain == nullptr) {
+        TRACE_AS(lookup, "%s(%d): get_res_back, returned with NULL res!!! rt_code:%d ASSERT ASSERT ASSERT.",
+                 lookup, __LINE__, rc);
+        return UNUSABLE;
+    }
+    TRACE_AS(lookup, "%s(%d):get_res_back() returned %d(error) but res in not null.", lookup, __LINE__, rc);
+    return PARTIAL;
 }
 
 int check_local_cache(GList *list, const char *key, struct addrinfo **res)
@@ -27,24 +56,9 @@ int check_local_cache(GList *list, const char *key, struct addrinfo **res)
         if (partial)
             freeaddrinfo(*res);
         const int rc = get_res_back(record, res);
-        if (rc == 0 && *res != nullptr) {
-            TRACE("%s(%d):get_res_back() ret_code is SUCCESS(%d) and res is allocated.", __func__, __LINE__,
-                  rc);
-            return 0;
-        }
-        /* A record without entries ends the search: an older one must not answer for a newer one. */
-        if (rc == 0) {
-            TRACE("%s(%d): get_res_back, returned with NULL res!!! though rt_code:%d(SUCCESS) ASSERT ASSERT "
-                  "ASSERT.",
-                  __func__, __LINE__, rc);
-            return -1;
-        }
-        if (*res == nullptr) {
-            TRACE("%s(%d): get_res_back, returned with NULL res!!! rt_code:%d ASSERT ASSERT ASSERT.",
-                  __func__, __LINE__, rc);
-            return -1;
-        }
-        TRACE("%s(%d):get_res_back() returned %d(error) but res in not null.", __func__, __LINE__, rc);
+        const verdict verdict = judge(rc, *res);
+        if (verdict != PARTIAL)
+            return verdict == FOUND ? 0 : -1;
         partial = true;
     }
     TRACE("%s(%d):Returning NULL res as there  is no match found in spawnlet_data_list(local_cache).",

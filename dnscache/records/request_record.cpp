@@ -48,7 +48,7 @@ const char *create_hostcache_id(const char *host, int port, long vrf, char *out)
     TRACE("cache id = %s\n", key);
     if (out != nullptr) {
         memset(out, 0, CACHE_KEY_BYTES);
-        memcpy(out, key, strlen(key));
+        memcpy(out, key, strlen(key) + 1);
     }
     return key;
 }

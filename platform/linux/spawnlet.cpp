@@ -221,30 +221,32 @@ static uint32_t fork_into(job *slot, child_plan *plan)
     return LINUX_JOB_OK;
 }
 
-static uint32_t start_job(child_plan *plan, const job_options *options, uint32_t handle, job **started)
+/* NULL: not started, and *code says why. */
+static job *start_job(child_plan *plan, const job_options *options, uint32_t handle, uint32_t *code)
 {
     jobs_reap();
     job *slot = free_slot();
-    if (slot == nullptr)
-        return LINUX_JOB_NO_RESOURCES;
+    if (slot == nullptr) {
+        *code = LINUX_JOB_NO_RESOURCES;
+        return nullptr;
+    }
     const int seconds = seconds_allowed(options);
     const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
     plan->parent = getpid();
     plan->seconds = static_cast<unsigned>(seconds) + 1;
-    const uint32_t code = fork_into(slot, plan);
-    if (code != LINUX_JOB_OK)
-        return code;
+    *code = fork_into(slot, plan);
+    if (*code != LINUX_JOB_OK)
+        return nullptr;
     slot->handle = handle;
     slot->deadline_ns = deadline_ns;
     if (handle != 0 && !queue_watch(slot)) {
-        slot->code = LINUX_JOB_NO_RESOURCES;
+        slot->code = *code = LINUX_JOB_NO_RESOURCES;
         job_retire(slot);
-        return slot->code;
+        return nullptr;
     }
     send(slot->channel, "", 1,
          MSG_NOSIGNAL); /* opens the gate; a child that is gone shows in job_advance() */
-    *started = slot;
-    return LINUX_JOB_OK;
+    return slot;
 }
 
 /* The two calls */
@@ -272,13 +274,13 @@ uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint
     *ret_syserr = 0;
 
     child_plan plan = {.body = body, .arg = arg, .in = in, .out = out, .err = err};
-    job *job;
-    const uint32_t refused = start_job(&plan, options, 0, &job);
-    if (refused != LINUX_JOB_OK)
-        return refused;
+    uint32_t code;
+    job *job = start_job(&plan, options, 0, &code);
+    if (job == nullptr)
+        return code;
     counters.blocking++;
     wait_for(job);
-    const uint32_t code = job->code;
+    code = job->code;
     if (code == LINUX_JOB_OK) {
         last_handback = job->reader.handback; /* the job's no longer */
         job->reader.handback = nullptr;
@@ -296,10 +298,10 @@ uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int, const job_
     if (is_refused(body, options) || handle == nullptr)
         return LINUX_JOB_BAD_ARGUMENT;
     child_plan plan = {.body = body, .arg = arg, .in = in, .out = out, .err = err};
-    job *job;
-    const uint32_t refused = start_job(&plan, options, new_handle(), &job);
-    if (refused != LINUX_JOB_OK)
-        return refused;
+    uint32_t code;
+    const job *job = start_job(&plan, options, new_handle(), &code);
+    if (job == nullptr)
+        return code;
     counters.background++;
     counters.last_handle = job->handle;
     *handle = job->handle;

@@ -95,7 +95,7 @@ static void close_inherited(const child_plan *plan)
         return;
     }
     while (const struct dirent *entry = readdir(open_descriptors)) {
-        const int fd = atoi(entry->d_name);
+        const int fd = static_cast<int>(strtol(entry->d_name, nullptr, 10));
         if (fd != dirfd(open_descriptors))
             shed(plan, fd);
     }

@@ -75,7 +75,7 @@ void world_test::TearDown()
 
 lines logged(const char *prefix)
 {
-    static const std::regex place("^([a-z_0-9]+)\\([0-9]+\\)"), address("0x[0-9a-f]{8,}|[0-9a-f]{10,}");
+    static const std::regex place("^([a-z_0-9]+)\\([0-9]+\\)"), address("0x[0-9a-f]{8,}|[0-9a-f]{8,}");
     lines found;
     for (const std::string &line : fake.log) {
         if (!line.starts_with(prefix))

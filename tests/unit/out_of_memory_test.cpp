@@ -64,7 +64,7 @@ TEST_F(OutOfMemory, HitTurnsIntoAMiss)
 TEST_F(OutOfMemory, LookupThatGoesOnInTheBackground)
 {
     fake.blocking_syserr = 1;
-    EXPECT_EQ(sweep([this] {
+    EXPECT_EQ(sweep([] {
                   struct addrinfo hints = {}, *chain = nullptr;
                   return getaddrinfo_async_mq3("ntp1", "123", &hints, 3, &chain) == -3;
               }),

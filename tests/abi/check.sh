@@ -1,0 +1,109 @@
+#!/bin/sh
+# check.sh WHAT BUILD_DIR SOURCE_DIR: what the libraries show to whoever links them.
+# shellcheck disable=SC2046,SC2086 # options are several words
+set -eu
+build=$2
+source=$3
+
+# same EXPECTED ACTUAL: two sorted lists, by file.
+same() {
+    [ -s "$1" ] || { echo "nothing to compare with"; exit 1; }
+    diff -u "$1" "$2"
+}
+
+# Names in the global part of an export map.
+listed() {
+    sed -n '/global:/,/local:/s/^ *\([a-z_0-9]*\);.*/\1/p' "$1" | sort
+}
+
+exported() {
+    nm -D --defined-only "$1" | awk '{ print $3 }' | sort
+}
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+case $1 in
+exports)
+    listed "$source/dnscache/exports.map" > "$work/map"
+    exported "$build/libdnscache.so" > "$work/library"
+    same "$work/map" "$work/library"
+    [ "$(wc -l < "$work/map")" -eq 23 ]
+    listed "$source/platform/linux/exports.map" > "$work/map"
+    exported "$build/libdnscache-linux.so" > "$work/library"
+    same "$work/map" "$work/library"
+    ;;
+services)
+    # What the library leaves to its platform: every name of platform/*.h, and nothing else but libc and GLib.
+    sed -n 's/^[a-z].*[ *]\([a-z_0-9]\{1,\}\)(.*/\1/p; s/^extern .* \([a-z_]*\);/\1/p' "$source"/platform/*.h |
+        sort > "$work/declared"
+    nm -D --undefined-only "$build/libdnscache.so" | awk '$1 == "U" && $2 !~ /@|^g_/ { print $2 }' |
+        sort > "$work/undefined"
+    same "$work/declared" "$work/undefined"
+    ;;
+runtime)
+    for library in libdnscache.so libdnscache-linux.so; do
+        readelf -d "$build/$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort
+    done > "$work/needed"
+    printf '%s\n' libc.so.6 libglib-2.0.so.0 libc.so.6 > "$work/allowed"
+    same "$work/allowed" "$work/needed"
+    ;;
+initialisers)
+    readelf -SW "$build/libdnscache.a" > "$work/sections"
+    grep -q '\.text' "$work/sections"
+    if grep -E '\.(init_array|ctors)' "$work/sections"; then
+        echo "static initialisers"
+        exit 1
+    fi
+    ;;
+internals)
+    printf '%s\n' async_queue blocking_timeout cache_initialised cache_timeout create_hostcache_id job_list \
+        local_cache running_jobs > "$work/expected"
+    nm --defined-only "$build/libdnscache.a" 2> "$work/errors" | awk 'NF == 3 { print $3 }' | sort > "$work/defined"
+    comm -12 "$work/expected" "$work/defined" > "$work/found"
+    same "$work/expected" "$work/found"
+    ;;
+headers)
+    flags="-I$source $(pkg-config --cflags glib-2.0) -Wall -Wextra -Wpedantic -Werror -fsyntax-only"
+    for header in "$source"/dnscache/dnscache.h "$source"/platform/*.h "$source"/platform/linux/linux_platform.h; do
+        for compiler in "$CC -std=c11 -xc" "$CXX -std=c++20 -xc++"; do
+            echo "#include \"$header\"" | $compiler $flags -
+        done
+    done
+    ;;
+floors)
+    # An include may go to its own floor or down; the library and the platform never see each other's insides.
+    floor() {
+        case $1 in
+        platform/linux/*) echo 90 ;;
+        platform/*) echo 0 ;;
+        dnscache/state.*) echo 4 ;;
+        dnscache/diagnostics/*) echo 2 ;;
+        dnscache/records/*) echo 3 ;;
+        dnscache/jobs/*) echo 5 ;;
+        dnscache/cache/*) echo 6 ;;
+        dnscache/frontend/*) echo 7 ;;
+        dnscache/*) echo 1 ;;
+        esac
+    }
+    cd "$source"
+    grep -rn '^#include "' dnscache platform > "$work/includes"
+    while IFS=: read -r file line include; do
+        target=$(echo "$include" | sed 's/.*"\(.*\)".*/\1/')
+        case $file:$target in
+        platform/*:dnscache/*) echo "$file:$line: the platform includes the library" ;;
+        *) [ "$(floor "$target")" -le "$(floor "$file")" ] || echo "$file:$line: runs up a floor: $target" ;;
+        esac
+    done < "$work/includes" > "$work/wrong"
+    cat "$work/wrong"
+    [ ! -s "$work/wrong" ] && [ "$(wc -l < "$work/includes")" -gt 20 ]
+    ;;
+readme)
+    # The example host is a program: it builds against both libraries as it stands there.
+    awk '/^```/ { inside = $0 == "```c"; next } inside' "$source/README.md" > "$work/host.c"
+    $CC -std=gnu11 -Wall -Wextra -Werror -I"$source" "$work/host.c" -o "$work/host" -L"$build" -ldnscache \
+        -ldnscache-linux $(pkg-config --cflags --libs glib-2.0) -Wl,-rpath,"$build"
+    "$work/host" localhost > "$work/answers"
+    grep -q '^127\.0\.0\.1$' "$work/answers" # with the library's trace around it
+    ;;
+esac
