@@ -1,0 +1,111 @@
+/*
+ * options.cpp: the command line. Numbers are taken as text and read here: GOption would take 010 for 8.
+ */
+#include "host/options.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include "host/line_reader.h"
+#include "host/output.h"
+#include "platform/linux/linux_platform.h"
+
+static constexpr char SUMMARY[] =
+    "Resolves host names through the resolver cache, one child process a lookup, and prints one line an "
+    "address.\n"
+    "Without HOST the requests come from standard input, one a line: HOST [PORT [VRF]]. A # starts a "
+    "comment;\n"
+    "PORT and VRF default to the values of --service and --vrf.";
+
+static constexpr char DESCRIPTION[] =
+    "A lookup that takes longer than the time-out goes on in the background for 300 seconds at most.\n"
+    "\n"
+    "Exit status, the largest that applies:\n"
+    "  0  all names resolved\n"
+    "  1  usage error\n"
+    "  2  a name did not resolve, or is no name\n"
+    "  3  a lookup is still to be tried again\n"
+    "  4  anything else\n";
+
+struct option_texts {
+    char *service;
+    char *vrf;
+    char *timeout;
+    char *lifetime;
+    char *times;
+};
+
+static bool usage_error(const char *message)
+{
+    g_autofree char *shown = printable_text(message);
+    fprintf(stderr, "dnscache-lookup: %s\nTry 'dnscache-lookup --help'.\n", shown);
+    return false;
+}
+
+static bool read_numbers(const struct option_texts *texts, struct lookup_options *options)
+{
+    const struct {
+        const char *name;
+        const char *text;
+        int32_t min;
+        int32_t max;
+        int32_t *value;
+    } numbers[] = {
+        {"vrf", texts->vrf, 0, INT32_MAX, &options->vrf},
+        {"timeout", texts->timeout, 1, LINUX_JOB_SECONDS_MAX, &options->timeout_secs},
+        {"lifetime", texts->lifetime, 0, INT32_MAX, &options->lifetime_secs},
+        {"times", texts->times, 1, INT32_MAX, &options->times},
+    };
+    for (const auto &number : numbers) {
+        if (number.text == nullptr || parse_decimal(number.text, number.min, number.max, number.value))
+            continue;
+        g_autofree char *message =
+            g_strdup_printf("--%s is not a number from %d to %d", number.name, number.min, number.max);
+        return usage_error(message);
+    }
+    return true;
+}
+
+static bool check_options(const struct option_texts *texts, struct lookup_options *options)
+{
+    if (!read_numbers(texts, options))
+        return false;
+    if (texts->service != nullptr)
+        options->service = texts->service;
+    if (!service_is_valid(options->service))
+        return usage_error("--service is not a number from 0 to 65535");
+    if (options->hosts == nullptr && !options->version && isatty(STDIN_FILENO))
+        return usage_error("no HOST, and standard input is a terminal");
+    return true;
+}
+
+bool parse_options(int argc, char **argv, struct lookup_options *options)
+{
+    static struct option_texts texts;
+    *options = {};
+    options->service = "0";
+    options->lifetime_secs = -1;
+    options->times = 1;
+    const GOptionEntry entries[] = {
+        {"service", 's', 0, G_OPTION_ARG_STRING, &texts.service, "Port to ask for (0)", "PORT"},
+        {"vrf", 'V', 0, G_OPTION_ARG_STRING, &texts.vrf, "VRF to resolve in (0)", "VRF"},
+        {"timeout", 't', 0, G_OPTION_ARG_STRING, &texts.timeout, "Wait at most 1 to 300 seconds (3)",
+         "SECONDS"},
+        {"lifetime", 'l', 0, G_OPTION_ARG_STRING, &texts.lifetime, "Keep answers this long (60)", "SECONDS"},
+        {"times", 'n', 0, G_OPTION_ARG_STRING, &texts.times, "Look each name up so often (1)", "TIMES"},
+        {"no-wait", 0, 0, G_OPTION_ARG_NONE, &options->no_wait, "Do not wait for background jobs", nullptr},
+        {"json", 'j', 0, G_OPTION_ARG_NONE, &options->json, "Print one JSON object a lookup", nullptr},
+        {"verbose", 'v', 0, G_OPTION_ARG_NONE, &options->verbose, "Trace to standard error", nullptr},
+        {"version", 0, 0, G_OPTION_ARG_NONE, &options->version, "Print the version", nullptr},
+        {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->hosts, nullptr, "[HOST...]"},
+        {},
+    };
+    g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
+    g_autoptr(GError) error = nullptr;
+    g_option_context_set_summary(context, SUMMARY);
+    g_option_context_set_description(context, DESCRIPTION);
+    g_option_context_add_main_entries(context, entries, nullptr);
+    if (!g_option_context_parse(context, &argc, &argv, &error))
+        return usage_error(error->message);
+    return check_options(&texts, options);
+}

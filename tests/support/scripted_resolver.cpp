@@ -1,0 +1,94 @@
+/*
+ * scripted_resolver.cpp: getaddrinfo() by script, preloaded into a program and so into its children. The
+ * chains are laid out as the GNU C library does it, whose freeaddrinfo() releases them. Never to be built
+ * with sanitizers: their runtime would come too late.
+ *
+ * Calls for names that start with "late" are counted by files in the directory SCRIPT_DIR. The first never
+ * returns; a failure in the script is that of the second, so that a caller who tries once more shows.
+ */
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static constexpr int CRASH = 1;
+
+static const struct script_line {
+    const char *name;
+    int code;
+    const char *address;
+    int socktype;
+    int protocol;
+    const char *canonname;
+} SCRIPT[] = {
+    {"pair.test", 0, "192.0.2.1", SOCK_STREAM, IPPROTO_TCP, "www.pair.test"},
+    {"pair.test", 0, "2001:db8::1", SOCK_DGRAM, IPPROTO_UDP, nullptr},
+    {"kinds.test", 0, "192.0.2.2", SOCK_RAW, 0, nullptr},
+    {"kinds.test", 0, "fe80::2", SOCK_SEQPACKET, 0, nullptr},
+    {"evil.test", 0, "192.0.2.3", SOCK_STREAM, IPPROTO_TCP, "a\033[2J\n\"\x9b\xff"},
+    {"late.test", 0, "192.0.2.4", SOCK_STREAM, IPPROTO_TCP, nullptr},
+    {"late-fail.test", EAI_NONAME, "192.0.2.5", SOCK_STREAM, IPPROTO_TCP, nullptr},
+    {"late-crash.test", CRASH, "192.0.2.6", SOCK_STREAM, IPPROTO_TCP, nullptr},
+    {"nosuch.test", EAI_NONAME, nullptr, 0, 0, nullptr},
+    {"again.test", EAI_AGAIN, nullptr, 0, 0, nullptr},
+};
+
+static int count_call(const char *name)
+{
+    int mark = -1;
+    int calls = 0;
+    while (mark < 0 && calls < 9) {
+        char path[512];
+        snprintf(path, sizeof path, "%s/%s.%d", getenv("SCRIPT_DIR"), name, ++calls);
+        mark = open(path, O_CREAT | O_EXCL | O_CLOEXEC | O_WRONLY, 0600);
+    }
+    close(mark);
+    return calls;
+}
+
+static struct addrinfo *make_node(const script_line &line, const char *service)
+{
+    auto *node = static_cast<struct addrinfo *>(calloc(1, sizeof(struct addrinfo) + sizeof(sockaddr_in6)));
+    auto *ip6 = reinterpret_cast<struct sockaddr_in6 *>(node + 1);
+    auto *ip4 = reinterpret_cast<struct sockaddr_in *>(node + 1);
+    const bool is_ip6 = inet_pton(AF_INET6, line.address, &ip6->sin6_addr) == 1;
+    if (!is_ip6)
+        inet_pton(AF_INET, line.address, &ip4->sin_addr);
+    else if (IN6_IS_ADDR_LINKLOCAL(&ip6->sin6_addr))
+        ip6->sin6_scope_id = 7;
+    ip4->sin_family = is_ip6 ? AF_INET6 : AF_INET;
+    ip4->sin_port = htons(static_cast<uint16_t>(atoi(service)));
+    node->ai_family = ip4->sin_family;
+    node->ai_socktype = line.socktype;
+    node->ai_protocol = line.protocol;
+    node->ai_addrlen = is_ip6 ? sizeof *ip6 : sizeof *ip4;
+    node->ai_addr = reinterpret_cast<struct sockaddr *>(node + 1);
+    node->ai_canonname = line.canonname ? strdup(line.canonname) : nullptr;
+    return node;
+}
+
+extern "C" int getaddrinfo(const char *name, const char *service, const struct addrinfo *,
+                           struct addrinfo **res)
+{
+    const int calls = strncmp(name, "late", strlen("late")) == 0 ? count_call(name) : 0;
+    if (strcmp(name, "stuck.test") == 0 || calls == 1)
+        for (;;)
+            pause();
+    struct addrinfo **end = res;
+    for (const script_line &line : SCRIPT) {
+        if (strcmp(name, line.name) != 0)
+            continue;
+        if (line.code == CRASH && calls == 2)
+            raise(SIGKILL);
+        if (line.code != 0 && calls <= 2)
+            return line.code;
+        *end = make_node(line, service);
+        end = &(*end)->ai_next;
+    }
+    return end == res ? EAI_FAIL : 0;
+}
