@@ -1,10 +1,7 @@
 /*
  * fakes.h: stand-ins for the platform services and for the C library calls whose results a test scripts. They
- * are linked in place of the real ones: the platform's by name, the C library's by the linker's --wrap.
- *
- * Everything the library does to the outside is one line in fake.log, in order:
- *   "H:text" "B:text" "F:text" "P:text"   a sink got this
- *   "rtctx_close" "rtctx_init" "fork" "fork_async" "bind N" "resolve HOST SERVICE" "done N" ...
+ * are linked in place of the real ones: the platform's by name, the C library's by the linker's --wrap. What
+ * the library does to the outside is noted in fake.log, in order.
  */
 #ifndef TESTS_SUPPORT_FAKES_H
 #define TESTS_SUPPORT_FAKES_H
@@ -17,45 +14,22 @@
 
 #include "dnscache/dnscache.h"
 #include "dnscache/state.h"
-#include "platform/spawnlet.h"
-
-using lines = std::vector<std::string>;
-
-/* What the job service was given, and what was true at that moment. */
-struct fork_call {
-    job_options options;
-    server_addr_info request;
-    FILE *in, *out, *err;
-    bool sigchld_is_default;
-    bool is_resolver;
-};
 
 struct fake_world {
-    lines log;
+    std::vector<std::string> log; /* trace sinks start with H, B, F or P and a blank */
 
-    /* sinks */
-    bool history_on, debug_on, marker_exists, log_file_opens = true;
-    uint32_t partition;
-    uint32_t history_length; /* of the last record */
-
-    /* job service and routing context */
-    int rtctx_result = 1;
-    uint32_t register_result, blocking_syserr, async_syserr;
-    int32_t ret_syserr;
+    /* switches and results */
+    long history, debug, marker, fopen_fails, partition, rtctx_fails, register_result, syserr, async_syserr,
+        ret_syserr, resolver_result;
+    long now = 1000, next_handle = 0x100;
+    long failing_malloc; /* counts down; the malloc() that finds it at 1 fails */
     std::vector<unsigned char> ret_info;
     bool loses_buffer; /* a size comes back without its buffer */
-    uint32_t next_handle = 0x100;
-    std::vector<fork_call> forks;
-    std::vector<uint32_t> queues;
-    std::vector<unsigned char> handed_back;
-
-    /* C library */
-    time_t now = 1000;
-    int failing_malloc;      /* counts down; the malloc() that finds it at 1 fails */
-    std::set<void *> blocks; /* taken and not yet freed */
-    int resolver_result;
     struct addrinfo *resolver_answer;
     std::vector<int> waitpid_results; /* then 0 for ever; negative: minus an errno */
+
+    std::vector<unsigned char> handed_back;
+    std::set<void *> blocks; /* taken and not yet freed */
     int waits, sleeps;
 };
 extern fake_world fake;
@@ -68,31 +42,17 @@ class world_test : public testing::Test
     void TearDown() override;
 };
 
-/* Lines of the log with this prefix, without it. Source lines and addresses read "#". */
-lines logged(const char *prefix);
-/* Trace messages, as standard output got them. */
-lines traces();
-/* All but the sinks. */
-lines calls();
+/* Result record of host:port:vrf with these addresses. */
+server_spawnlet_data_t a_record(const std::string &host, int port, int vrf,
+                                const std::vector<std::string> &addresses);
 
-struct record_facts {
-    const char *host = "ntp1";
-    int port = 123;
-    int vrf = 3;
-    int status = ENTRY_RESOLVED;
-    int stamp = 1000;
-    std::vector<const char *> addresses = {"192.0.2.1"};
-    const char *canonical = "";
-};
-server_spawnlet_data_t a_record(const record_facts &facts);
-std::vector<unsigned char> bytes_of(const server_spawnlet_data_t &record);
-
-/* At the head of the cache; returns the cache's copy. */
-server_spawnlet_data_t *cached(const record_facts &facts);
-/* At the head of the job list. */
-void running(const char *host, const char *service, int vrf, uint32_t handle = 1);
-
-lines hosts_in_cache();
-lines addresses_of(const struct addrinfo *chain);
+/* A copy that a list may own. */
+template <typename T>
+T *on_heap(const T &value)
+{
+    auto *block = static_cast<T *>(malloc(sizeof(T)));
+    *block = value;
+    return block;
+}
 
 #endif

@@ -1,7 +1,7 @@
 /*
- * scripted_resolver.cpp: getaddrinfo() by script, preloaded into a program and so into its children. The
- * chains are laid out as the GNU C library does it, whose freeaddrinfo() releases them. Never to be built
- * with sanitizers: their runtime would come too late.
+ * scripted_resolver.cpp: getaddrinfo() by script, linked into a program or preloaded, and so in its children
+ * too. The chains are laid out as the GNU C library does it, whose freeaddrinfo() releases them. As a library
+ * to preload it is never built with sanitizers: their runtime would come too late.
  *
  * Calls for names that start with "late" are counted by files in the directory SCRIPT_DIR. The first never
  * returns; a failure in the script is that of the second, so that a caller who tries once more shows.
@@ -16,7 +16,7 @@
 #include <string.h>
 #include <unistd.h>
 
-static constexpr int CRASH = 1;
+static constexpr int CRASH = 1000;
 
 static const struct script_line {
     const char *name;
@@ -36,6 +36,10 @@ static const struct script_line {
     {"late-crash.test", CRASH, "192.0.2.6", SOCK_STREAM, IPPROTO_TCP, nullptr},
     {"nosuch.test", EAI_NONAME, nullptr, 0, 0, nullptr},
     {"again.test", EAI_AGAIN, nullptr, 0, 0, nullptr},
+    {"crash.test", CRASH, nullptr, 0, 0, nullptr},
+    {"odd.test", 1, nullptr, 0, 0, nullptr}, /* no code that the C library has */
+    {"short.test", 0, "192.0.2.7", SOCK_STREAM, IPPROTO_TCP, nullptr},
+    {"long.test", 0, "192.0.2.8", SOCK_STREAM, IPPROTO_TCP, nullptr},
 };
 
 static int count_call(const char *name)
@@ -83,7 +87,7 @@ extern "C" int getaddrinfo(const char *name, const char *service, const struct a
     for (const script_line &line : SCRIPT) {
         if (strcmp(name, line.name) != 0)
             continue;
-        if (line.code == CRASH && calls == 2)
+        if (line.code == CRASH && calls <= 2)
             raise(SIGKILL);
         if (line.code != 0 && calls <= 2)
             return line.code;

@@ -1,0 +1,36 @@
+#!/bin/bash
+# transcript.sh TRANSCRIPT PROGRAM RESOLVER: do what a transcript says and compare.
+#
+# "$ " begins a command, run by the shell in a fresh folder; below it stand its standard output, its standard error
+# after "! ", and its exit status after "= " unless it is 0. "lookup" is the program, with the scripted resolver
+# preloaded. Times read "#", and bytes that cannot be printed read as cat -v shows them.
+set -u
+transcript=$1 program=$2 resolver=$3
+export PROGRAM=$program RESOLVER=$resolver
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+lookup() {
+    ASAN_OPTIONS="verify_asan_link_order=0:${ASAN_OPTIONS:-}" SCRIPT_DIR=. LD_PRELOAD=$resolver "$program" "$@"
+}
+
+show() {
+    cat -v | sed 's/"elapsed_us":[1-9][0-9]*/"elapsed_us":#/' | awk -v prefix="$1" '{ print prefix $0 }'
+}
+
+while IFS= read -r line; do
+    case $line in
+    '$ '*)
+        printf '%s\n' "$line"
+        folder=$(mktemp -d -p "$work")
+        (cd "$folder" && eval "${line#\$ }") > "$work/out" 2> "$work/err" < /dev/null
+        status=$?
+        show '' < "$work/out"
+        show '! ' < "$work/err"
+        [ $status -eq 0 ] || echo "= $status"
+        ;;
+    '##'* | '') printf '%s\n' "$line" ;;
+    esac
+done < "$transcript" > "$work/actual"
+
+[ "$(grep -c '^\$ ' "$work/actual")" -gt 0 ] && diff -u "$transcript" "$work/actual"

@@ -1,0 +1,537 @@
+/*
+ * scenario_test.cpp: plays the scenarios beside it. Each *.scenario file is named like the source file that
+ * it tests, and holds sections: a title after "##", commands after "> ", and below each what the library then
+ * does, line by line: trace messages by sink, calls of the platform, results after "=". Source lines and
+ * addresses read
+ * "#", more than twenty equal characters "x*600", bytes that cannot be printed "\x00"; equal lines are
+ * counted.
+ */
+#include <arpa/inet.h>
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <regex>
+#include <sstream>
+
+#include "dnscache/diagnostics/trace.h"
+#include "dnscache/records/request_record.h"
+#include "tests/support/fakes.h"
+
+using words = std::vector<std::string>;
+
+struct section {
+    std::string file, title, text;
+};
+
+static server_spawnlet_data_t record; /* that commands are about */
+static struct addrinfo stale;         /* what a caller left behind who did not clear its result */
+
+/* From and to text */
+
+static std::string expand(const std::string &word)
+{
+    const size_t star = word.find('*');
+    return star == 1 ? std::string(std::stoul(word.substr(2)), word[0]) : word;
+}
+
+static const char *text_of(const std::string &word)
+{
+    return word == "NULL" ? nullptr : word.c_str();
+}
+
+static std::string escaped(char c)
+{
+    if (isprint(static_cast<unsigned char>(c)))
+        return std::string(1, c);
+    char text[5];
+    snprintf(text, sizeof text, "\\x%02x", static_cast<unsigned char>(c));
+    return c == '\n' ? "\\n" : text;
+}
+
+static std::string shown(const std::string &line)
+{
+    static const std::regex place("^(. |F [a-z_0-9]+\\(\\) : # )([a-z_0-9]+)\\([0-9]+\\)"),
+        prefix("^F ([a-z_0-9]+)\\(\\) : [0-9]+ "), number("Line : [0-9]+"),
+        address("(serv_ptr|server_addr_info|ret_info) (0x)?[0-9a-f]+");
+    std::string text;
+    for (size_t i = 0, end; i < line.size(); i = end) {
+        end = std::min(line.find_first_not_of(line[i], i), line.size());
+        const bool is_long = end - i > 20;
+        for (size_t j = i; j < (is_long ? i + 1 : end); j++)
+            text += escaped(line[j]);
+        text += is_long ? "*" + std::to_string(end - i) : "";
+    }
+    text = std::regex_replace(text, prefix, "F $1() : # ");
+    text = std::regex_replace(text, place, "$1$2(#)");
+    return std::regex_replace(std::regex_replace(text, number, "Line : #"), address, "$1 #");
+}
+
+static void result(const std::string &text)
+{
+    fake.log.push_back("= " + text);
+}
+
+static std::string chain_text(const struct addrinfo *chain)
+{
+    std::string text;
+    for (; chain != nullptr; chain = chain->ai_next) {
+        char address[INET6_ADDRSTRLEN] = "";
+        inet_ntop(chain->ai_family,
+                  reinterpret_cast<const char *>(chain->ai_addr) + (chain->ai_family == AF_INET ? 4 : 8),
+                  address, sizeof address);
+        text += std::string(" ") + address + "/" + std::to_string(chain->ai_addrlen) +
+                (chain->ai_canonname != nullptr ? std::string("/") + chain->ai_canonname : "");
+    }
+    return text;
+}
+
+/* Also writes the record over before the chain is read: a chain owns all it points to. */
+static void show_chain(int rc, struct addrinfo *chain, bool overwrite = false)
+{
+    if (overwrite)
+        memset(&record, 0xee, sizeof record);
+    result(std::to_string(rc) + (chain == &stale    ? " stale"
+                                 : chain == nullptr ? " NULL"
+                                                    : chain_text(chain)));
+    if (chain != nullptr && chain != &stale)
+        freeaddrinfo(chain);
+}
+
+static void show_list(const char *name, GList *list, const std::function<std::string(void *)> &show)
+{
+    std::string text = name + std::string(" ") + std::to_string(g_list_length(list)) + ":";
+    for (GList *link = list; link != nullptr; link = link->next)
+        if (g_list_position(list, link) < 5 || link->next == nullptr)
+            text += " " + (link->data == nullptr ? "NULL" : show(link->data));
+    result(text);
+}
+
+static void show_state()
+{
+    show_list("cache", local_cache, [](void *data) {
+        const auto *cached = static_cast<server_spawnlet_data_t *>(data);
+        return cached->serv_id + std::string("/") + std::to_string(cached->status) + "@" +
+               std::to_string(cached->timestamp);
+    });
+    show_list("jobs", job_list, [](void *data) {
+        const auto *job = static_cast<server_addr_info *>(data);
+        return job->serv_name + std::string(":") + job->service + ":" + std::to_string(job->vrf) + "#" +
+               std::to_string(job->job_handle);
+    });
+    struct sigaction sigchld;
+    sigaction(SIGCHLD, nullptr, &sigchld);
+    result("running " + std::to_string(running_jobs) + ", SIGCHLD " +
+           (sigchld.sa_handler == SIG_DFL   ? "default"
+            : sigchld.sa_handler == SIG_IGN ? "ignored"
+                                            : "the host's"));
+}
+
+static void show_record(const std::vector<unsigned char> &bytes)
+{
+    server_spawnlet_data_t found = {};
+    memcpy(&found, bytes.data(), std::min(bytes.size(), sizeof found));
+    std::ostringstream text;
+    text << "key " << found.serv_id << " name " << found.serv_name << " service " << found.service << " vrf "
+         << found.vrf << " family " << found.hints.ai_family << " status " << found.status << " stamp "
+         << found.timestamp << " entries " << found.num_entries;
+    for (int i = 0; i < found.num_entries; i++) {
+        char ipv4[INET_ADDRSTRLEN], ipv6[INET6_ADDRSTRLEN];
+        inet_ntop(AF_INET, &found.addr[i][4], ipv4, sizeof ipv4);
+        inet_ntop(AF_INET6, &found.addr6[i][8], ipv6, sizeof ipv6);
+        text << "; " << found.ai_hdr[i].ai_family << " " << found.ai_hdr[i].ai_addrlen << " " << ipv4 << " "
+             << ipv6 << " \"" << found.canonname[i] << "\"";
+    }
+    result(text.str());
+}
+
+/* Commands */
+
+static void set(const words &w)
+{
+    static const std::map<std::string, long *> of_world = {{"history", &fake.history},
+                                                           {"debug", &fake.debug},
+                                                           {"marker", &fake.marker},
+                                                           {"fopen_fails", &fake.fopen_fails},
+                                                           {"partition", &fake.partition},
+                                                           {"rtctx_fails", &fake.rtctx_fails},
+                                                           {"syserr", &fake.syserr},
+                                                           {"async_syserr", &fake.async_syserr},
+                                                           {"ret_syserr", &fake.ret_syserr},
+                                                           {"resolver_result", &fake.resolver_result},
+                                                           {"now", &fake.now},
+                                                           {"register_result", &fake.register_result},
+                                                           {"failing_malloc", &fake.failing_malloc}};
+    static const std::map<std::string, int32_t *> of_library = {{"running_jobs", &running_jobs}};
+    if (of_world.count(w[1]) != 0)
+        *of_world.at(w[1]) = std::stol(w[2]);
+    else
+        *of_library.at(w[1]) = std::stoi(w[2]);
+}
+
+static void set_field(const words &w)
+{
+    const std::string text = expand(w[2]);
+    const std::map<std::string, std::pair<char *, size_t>> texts = {
+        {"serv_id", {record.serv_id, sizeof record.serv_id}},
+        {"serv_name", {record.serv_name, sizeof record.serv_name}},
+        {"service", {record.service, sizeof record.service}},
+        {"canonname", {record.canonname[0], sizeof record.canonname[0]}},
+        {"addr6", {reinterpret_cast<char *>(record.addr6[0]), 32}}};
+    const std::map<std::string, int32_t *> numbers = {{"num_entries", &record.num_entries},
+                                                      {"status", &record.status},
+                                                      {"stamp", &record.timestamp},
+                                                      {"family", &record.ai_hdr[0].ai_family},
+                                                      {"hints_family", &record.hints.ai_family}};
+    if (w[1] == "addrlen")
+        record.ai_hdr[0].ai_addrlen = static_cast<uint32_t>(std::stoul(w[2]));
+    else if (w[1] == "sa_family")
+        record.addr[0][0] = static_cast<uint8_t>(std::stoi(w[2]));
+    else if (numbers.count(w[1]) != 0)
+        *numbers.at(w[1]) = std::stoi(w[2]);
+    else
+        memcpy(texts.at(w[1]).first, text.c_str(), std::min(text.size() + 1, texts.at(w[1]).second));
+}
+
+static void make_record(const words &w)
+{
+    record = a_record(w[1], std::stoi(w[2]), std::stoi(w[3]), {w.begin() + 4, w.end()});
+    record.timestamp = 1000;
+}
+
+static void make_answer(const words &w)
+{
+    const auto *bytes = reinterpret_cast<const unsigned char *>(&record);
+    fake.ret_info.assign(bytes, bytes + sizeof record);
+    fake.ret_info.resize(w.size() > 1 ? std::stoul(w[1]) : sizeof record);
+    fake.loses_buffer = w.size() > 2;
+}
+
+/* So many records host0, host1, ... like the current one. */
+static void fill_cache(const words &w)
+{
+    for (int i = 0; i < std::stoi(w[1]); i++) {
+        server_spawnlet_data_t *copy = on_heap(record);
+        snprintf(copy->serv_id, sizeof copy->serv_id, "host%d", i);
+        local_cache = g_list_prepend(local_cache, copy);
+    }
+}
+
+static void add_job(const words &w)
+{
+    server_addr_info job;
+    server_addr_init(w[1].c_str(), w[2].c_str(), nullptr, std::stoi(w[3]), &job);
+    job.job_handle = static_cast<uint32_t>(std::stoul(w[4]));
+    job_list = g_list_prepend(job_list, on_heap(job));
+    running_jobs++;
+}
+
+static void prepend_job(const words &w)
+{
+    job_list = g_list_check_and_prepend(&job_list, on_heap(server_addr_info{}), std::stoi(w[1]));
+}
+
+static void look_up(const words &w)
+{
+    const struct addrinfo hints = {.ai_family = AF_INET6};
+    struct addrinfo *chain = w.size() > 4 ? &stale : nullptr;
+    const int rc = getaddrinfo_async_mq3(text_of(w[1]), text_of(w[2]), w[3] == "NULL" ? nullptr : &hints,
+                                         w[3] == "NULL" ? 0 : std::stoi(w[3]), &chain);
+    show_chain(rc, chain);
+}
+
+static void complete(const words &w)
+{
+    std::vector<unsigned char> buffer(sizeof record);
+    memcpy(buffer.data(), &record, sizeof record);
+    const bool null_buffer = w.size() > 4 && w[4] == "NULL";
+    const uint32_t size =
+        w.size() > 4 && !null_buffer ? static_cast<uint32_t>(std::stoul(w[4])) : sizeof record;
+    buffer.resize(size);
+    dnscache_spawnletcb_job_done(static_cast<uint32_t>(std::stoul(w[1])),
+                                 static_cast<uint32_t>(std::stoul(w[2])),
+                                 null_buffer ? nullptr : buffer.data(), size, std::stoi(w[3]));
+}
+
+static void check_cache(const words &w)
+{
+    const std::string key = expand(w[1]);
+    struct addrinfo *chain = w.size() > 2 ? &stale : nullptr;
+    const int rc = check_local_cache(local_cache, text_of(key), &chain);
+    show_chain(rc, chain);
+}
+
+static void decode(const words &w)
+{
+    struct addrinfo *chain = &stale;
+    const int rc = get_res_back(w.size() > 1 ? nullptr : &record, &chain);
+    show_chain(rc, chain, true);
+}
+
+/* The resolver's answer, a chain such as the C library makes: resolver ADDRESS[/LENGTH][/NAME]... */
+static void script_resolver(const words &w)
+{
+    struct addrinfo **tail = &fake.resolver_answer;
+    for (size_t i = 1; i < w.size(); i++) {
+        std::istringstream parts(w[i]);
+        std::string address, length, name;
+        std::getline(parts, address, '/') && std::getline(parts, length, '/') && std::getline(parts, name);
+        server_spawnlet_data_t one = a_record("x", 0, 0, {address});
+        get_res_back(&one, tail);
+        if (!length.empty())
+            (*tail)->ai_addrlen = static_cast<socklen_t>(std::stoul(length));
+        if (w[i].find('/') != w[i].rfind('/'))
+            (*tail)->ai_canonname =
+                strcpy(static_cast<char *>(malloc(expand(name).size() + 1)), expand(name).c_str());
+        tail = &(*tail)->ai_next;
+    }
+    fake.log.clear();
+}
+
+static void run_job(const words &w)
+{
+    const struct addrinfo hints = {.ai_family = AF_INET6};
+    server_addr_info request;
+    server_addr_init(w[1].c_str(), w[2].c_str(), &hints, std::stoi(w[3]), &request);
+    result(std::to_string(resolve_server_hostname(&request)));
+    if (!fake.handed_back.empty())
+        show_record(fake.handed_back);
+}
+
+static void wait_for_child(const words &w)
+{
+    for (size_t i = 2; i < w.size(); i++)
+        fake.waitpid_results.insert(fake.waitpid_results.end(),
+                                    w[i].find('*') == 1 ? std::stoul(w[i].substr(2)) : 1, std::stoi(w[i]));
+    dnscache_wait_for_child(std::stoi(w[1]));
+    result(std::to_string(fake.waits) + " polls, " + std::to_string(fake.sleeps) + " sleeps");
+}
+
+static void find_address(const words &w)
+{
+    struct sockaddr sa = {};
+    sa.sa_family = static_cast<sa_family_t>(w[1] == "NULL" ? 0 : std::stoi(w[1]));
+    const auto *address = static_cast<const char *>(get_sock_in_addr(w[1] == "NULL" ? nullptr : &sa));
+    result(address == nullptr ? "NULL" : std::to_string(address - reinterpret_cast<char *>(&sa)));
+}
+
+static void display_address(const words &)
+{
+    struct sockaddr sa = {};
+    sa.sa_family = AF_INET;
+    sa.sa_data[0] = 'A';
+    sa.sa_data[13] = static_cast<char>(0xff);
+    display_sockaddr(&sa);
+}
+
+static void show_key(const words &w)
+{
+    const std::string host = expand(w[1]);
+    char out[512];
+    memset(out, 'x', sizeof out);
+    result(create_hostcache_id(host.c_str(), std::stoi(w[2]), std::stol(w[3]), out));
+    result(std::string(out, sizeof out));
+}
+
+static void fill_request(const words &w)
+{
+    struct addrinfo hints = {
+        .ai_flags = 1, .ai_family = 10, .ai_socktype = 2, .ai_protocol = 17, .ai_addrlen = 5};
+    hints.ai_next = &hints;
+    const std::string host = expand(w[1]), service = expand(w[2]);
+    server_addr_info request;
+    memset(&request, 'x', sizeof request);
+    const bool with_hints = w.size() > 4;
+    const int rc = server_addr_init(text_of(host), text_of(service), with_hints ? &hints : nullptr,
+                                    std::stoi(w[3]), &request);
+    dnscache_addrinfo_image expected = {1, 10, 2, 17, 5, 0, 0, 0};
+    if (sizeof hints == sizeof expected)
+        memcpy(&expected, &hints, sizeof expected);
+    EXPECT_EQ(memcmp(&request.hints, &expected, sizeof expected) == 0, with_hints);
+    const auto *bytes = reinterpret_cast<const char *>(&request);
+    const std::string text(bytes, offsetof(server_addr_info, hints));
+    result(std::to_string(rc) + " " + text + " family " + std::to_string(request.hints.ai_family) + " vrf " +
+           std::to_string(request.vrf));
+}
+
+static void play_command(const words &w);
+
+/* The command with its k-th malloc() failing, for each k until none fails: whatever it returns, nothing else
+ * changed. */
+static void sweep(const words &w)
+{
+    for (int k = 1;; k++) {
+        const auto blocks = fake.blocks;
+        const GList *cache = local_cache, *jobs = job_list;
+        const int32_t running = running_jobs;
+        fake.failing_malloc = k;
+        const size_t before = fake.log.size();
+        play_command({w.begin() + 1, w.end()});
+        const bool failed = fake.failing_malloc == 0;
+        fake.failing_malloc = 0;
+        const bool unchanged =
+            blocks == fake.blocks && cache == local_cache && jobs == job_list && running == running_jobs;
+        std::erase_if(fake.log, [](const std::string &line) { return line[0] != '='; });
+        if (fake.log.size() == before)
+            result("no result");
+        fake.log.back() += failed ? unchanged ? ", all as before" : ", STATE CHANGED" : ", untouched";
+        if (!failed)
+            return;
+    }
+}
+
+static const std::map<std::string, std::function<void(const words &)>> commands = {
+    {"sweep", sweep},
+    {"request", fill_request},
+    {"set", set},
+    {"field", set_field},
+    {"record", make_record},
+    {"cached", [](const words &) { local_cache = g_list_prepend(local_cache, on_heap(record)); }},
+    {"cached-null", [](const words &) { local_cache = g_list_prepend(local_cache, nullptr); }},
+    {"fill", fill_cache},
+    {"job", add_job},
+    {"answer", make_answer},
+    {"resolver", script_resolver},
+    {"handler", [](const words &) { signal(SIGCHLD, [](int) {}); }},
+    {"state", [](const words &) { show_state(); }},
+    {"lookup", look_up},
+    {"add",
+     [](const words &w) {
+         result(std::to_string(
+             add_entry_to_dns_cache(text_of(w[1]), std::stoi(w[2]), std::stoi(w[3]), nullptr)));
+     }},
+    {"complete", complete},
+    {"check", check_cache},
+    {"decode", decode},
+    {"refresh", [](const words &) { refresh_dns_cache(); }},
+    {"purge", [](const words &) { remove_old_entries_from_local_cache(); }},
+    {"remove", [](const words &w) { remove_entry_from_dns_cache(text_of(expand(w[1]))); }},
+    {"prepend", prepend_job},
+    {"prepend-null",
+     [](const words &) {
+         result(g_list_check_and_prepend(nullptr, &record, 1) == nullptr ? "NULL" : "a list");
+         result(g_list_check_and_prepend(&job_list, nullptr, 1) == job_list ? "same list" : "another list");
+     }},
+    {"resolve", run_job},
+    {"display", [](const words &) { server_spawnlet_data_display(&record); }},
+    {"display-null", [](const words &) { display_ip_addrs(nullptr); }},
+    {"sockaddr", display_address},
+    {"in_addr", find_address},
+    {"key", show_key},
+    {"init",
+     [](const words &w) { dns_cache_init(static_cast<uint32_t>(std::stoul(w[1])), std::stoi(w[2])); }},
+    {"settings",
+     [](const words &) {
+         result("blocking " + std::to_string(blocking_timeout) + ", cache " + std::to_string(cache_timeout) +
+                ", queue " + std::to_string(async_queue) + ", initialised " +
+                std::to_string(cache_initialised));
+     }},
+    {"lifetime", [](const words &w) { dns_cache_set_timeout(std::stoi(w[1])); }},
+    {"wait", wait_for_child},
+    {"trace",
+     [](const words &w) { dnscache_trace("somebody", 120, "two  blanks %d %s\n", 7, expand(w[1]).c_str()); }},
+    {"trace-zero", [](const words &) { dnscache_trace("somebody", 120, "ab%cd", 0); }},
+    {"trace-entry-exit",
+     [](const words &) {
+         dnscache_trace_enter("somebody", 1);
+         dnscache_trace_exit("somebody", 2);
+     }},
+    {"log",
+     [](const words &) {
+         result((log_file != nullptr ? "open \"" : "closed \"") + std::string(file_name) + "\"");
+     }},
+};
+
+static void play_command(const words &w)
+{
+    commands.at(w[0])(w);
+}
+
+/* The player */
+
+static std::string play(const section &section)
+{
+    std::istringstream script(section.text);
+    std::string line, transcript;
+    while (std::getline(script, line)) {
+        if (!line.starts_with("> "))
+            continue;
+        transcript += line + "\n";
+        std::istringstream text(line.substr(2));
+        words w;
+        for (std::string word; text >> word;)
+            w.push_back(word);
+        fake.log.clear();
+        play_command(w);
+        for (size_t i = 0, end; i < fake.log.size(); i = end) {
+            for (end = i + 1; end < fake.log.size() && fake.log[end] == fake.log[i];)
+                end++;
+            transcript +=
+                shown(fake.log[i]) + (end - i > 1 ? " (" + std::to_string(end - i) + " times)\n" : "\n");
+        }
+    }
+    return transcript;
+}
+
+static std::vector<section> all_sections()
+{
+    std::vector<section> sections;
+    for (const auto &entry : std::filesystem::directory_iterator(SCENARIOS)) {
+        if (entry.path().extension() != ".scenario")
+            continue;
+        std::ifstream file(entry.path());
+        for (std::string line; std::getline(file, line);) {
+            if (line.starts_with("## "))
+                sections.push_back({entry.path().stem(), line.substr(3), ""});
+            else if (!line.empty() && !sections.empty())
+                sections.back().text += line + "\n";
+        }
+    }
+    std::sort(sections.begin(), sections.end(),
+              [](const section &a, const section &b) { return a.file + a.title < b.file + b.title; });
+    return sections;
+}
+
+class scenario : public world_test
+{
+  public:
+    explicit scenario(const section &played) : section(played) {}
+    void TestBody() override
+    {
+        record = {};
+        ASSERT_NE(section.text.find("> "), std::string::npos);
+        EXPECT_EQ(play(section), section.text);
+    }
+
+  private:
+    const ::section section;
+};
+
+/* Standard output is a sink under test, so failures must show elsewhere. */
+class failures_to_stderr : public testing::EmptyTestEventListener
+{
+    void OnTestPartResult(const testing::TestPartResult &part) override
+    {
+        if (part.failed())
+            fprintf(stderr, "%s\n", part.message());
+    }
+};
+
+int main(int argc, char **argv)
+{
+    for (const section &section : all_sections()) {
+        std::string name = section.title;
+        std::replace_if(
+            name.begin(), name.end(), [](char c) { return !isalnum(c); }, '_');
+        testing::RegisterTest(section.file.c_str(), name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
+                              [section]() -> world_test * { return new scenario(section); });
+    }
+    testing::InitGoogleTest(&argc, argv);
+    testing::UnitTest::GetInstance()->listeners().Append(new failures_to_stderr);
+    return RUN_ALL_TESTS();
+}
