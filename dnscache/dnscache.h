@@ -21,7 +21,7 @@
  *               A job whose completion never reaches that call counts as running for ever.
  *
  *   Refresh     A lookup never looks at an answer's age. Call refresh_dns_cache() from a timer, more often
- * than the lifetime: it drops what has expired and resolves it anew in the background.
+ *               than the lifetime: it drops what has expired and resolves it anew in the background.
  *
  * Who owns what
  *
@@ -38,9 +38,10 @@
  *   stdout      Every trace message is printed to standard output, unflushed. While the file
  *               /bootflash/.enable_dns_debugs exists it goes to /tmp/dnscache.log.PARTITION too.
  *   Children    One for each job. They are your children: wait for your own by pid, never by -1.
- *   rand()      One number is drawn for each lookup that misses the cache, and for each background start.
+ *   rand()      One number is drawn by each lookup that misses the cache, and by each call that may start a
+ *               background job.
  *   Memory      malloc() failing is reported by the call that needed it; GLib, which owns the list links,
- * ends the process when it cannot have one.
+ *               ends the process when it cannot have one.
  *
  * One thread, one call at a time, the completion handler included: there are no locks. Do not call from a
  * signal handler.
@@ -87,8 +88,7 @@ typedef struct {
     uint32_t ai_next;
 } dnscache_addrinfo_image;
 
-/* What to resolve, 564 bytes: the argument of a resolver job, and a running background job in the job list.
- */
+/* What to resolve, 564 bytes: the argument of a resolver job, and a running background job in the job list. */
 typedef struct {
     uint32_t job_handle; /* written by the job service when the job starts in the background; else 0 */
     char serv_name[512]; /* host name */
@@ -117,8 +117,7 @@ typedef struct {
     int32_t status;      /* ENTRY_... */
 } server_spawnlet_data_t;
 
-/* The debug log: NULL until the first message that found its marker file; then open until the process ends.
- */
+/* The debug log: NULL until the first message that found its marker file, then open as long as the process. */
 extern FILE *log_file;
 /* Path of the last attempt to open the debug log; empty before the first. */
 extern char file_name[255];
@@ -132,17 +131,17 @@ extern char file_name[255];
  * service  port in decimal, not NULL; its first 11 characters are used. Port names are looked up too, but all
  *          of them share the cache key of port 0
  * hints    not NULL. Carried along, but it does not restrict the answer
- * vrf      VRF number; 0 is the VRF of the calling process
+ * vrf      VRF number, as the platform's VRF binding counts them
  * res      not NULL; set *res = NULL before the call
  *
  *  0       found; *res is a chain of one to four addresses that you release with freeaddrinfo()
  * -3       not yet: a background job was started. Try again after its completion
  * -1       refused: an argument is NULL, no memory, MAX_SPAWNLETS jobs are running, the background job could
  *          not be started, or the child's record was unusable
- * other    negative: the child's getaddrinfo() code, gai_strerror() has its text. It may be -3 as well, which
+ * other    the child's getaddrinfo() code, negative; gai_strerror() has its text. It may be -3 as well, which
  *          then has no job behind it. Failures are not cached
- * other    positive: the job service's code, errcode2str() has its text. The blocking job was not completed
- *          and a background job for the same host is running already
+ * other    the job service's code, unchanged; errcode2str() has its text. The blocking job was not completed
+ *          and a background job for the same host is running already. The Linux platform's are positive
  *
  * After any result but 0, *res is NULL if you set it so.
  * Blocks   for the blocking time-out at most.
@@ -163,7 +162,7 @@ void dns_cache_init(uint32_t queue, int32_t timeout_secs);
 
 /*
  * dns_cache_set_timeout: how many seconds an answer lives, 60 at start. Taken unchecked, at any time; it
- * counts from the next refresh pass on, which drops every record older than this. A negative value drops all.
+ * counts from the next refresh pass on, which drops every record older than this.
  */
 void dns_cache_set_timeout(int32_t timeout_secs);
 
@@ -233,8 +232,9 @@ void remove_entry_from_dns_cache(const char *name);
  *
  * list     address of the list variable
  * data     malloc()ed block that the list owns from now on; NULL adds nothing
- * limit    most elements, 0 for no limit. A list that has reached it gives up its last element. With a limit
- * of MAX_CACHE_ENTRIES, which must come with the cache itself, a refresh pass runs first
+ * limit    most elements; 0 for no limit, never negative. A list that has reached it gives up its last
+ *          element. With a limit of MAX_CACHE_ENTRIES, which must come with the cache itself, a refresh pass
+ *          runs first
  *
  * Returns the new head, which the caller stores in *list; NULL if list is NULL.
  */
@@ -252,8 +252,8 @@ int destroy_dns_cache(GList *list);
  * server_addr_init: fill a request record.
  *
  * serv_name, service  not NULL; cut to 511 and 11 characters
- * hints               may be NULL. On a 64-bit build its five integers are kept, on a 32-bit build all its
- * bytes record              not NULL; overwritten whole
+ * hints               may be NULL. A 64-bit build keeps its five integers, a 32-bit build all its bytes
+ * record              not NULL; overwritten whole
  *
  * Returns 0; -1 for a NULL, with the record untouched.
  */

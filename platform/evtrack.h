@@ -14,8 +14,7 @@ extern "C" {
 /* evtrack_hist_event_subtype_check: 0 when the event history records this class and subtype. */
 int evtrack_hist_event_subtype_check(uint32_t event_class, uint32_t subtype);
 
-/* evtrack_hist_event: append a record of length bytes, the subtype in its first four. The result is ignored.
- */
+/* evtrack_hist_event: append a record of length bytes, the subtype in its first four. The result is ignored. */
 int evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record);
 
 /* evtrack_chk_int: nonzero when this debug flag is on. The library passes (flag, 0, 0, 1). */

@@ -50,8 +50,7 @@ uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint
 uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one, const job_options *options,
                                 FILE *in, FILE *out, FILE *err, uint32_t *handle);
 
-/* spawnlet_register_async_q: completions of this process go to this queue from now on. Returns 0 or a code.
- */
+/* spawnlet_register_async_q: completions of this process go to this queue from now on. Returns 0 or a code. */
 uint32_t spawnlet_register_async_q(uint32_t queue);
 
 /* spawnlet_done: in the child, hand size bytes to the parent. Returns, 0 when they were accepted. */

@@ -33,15 +33,15 @@ static bool is_full(GList *list, int limit)
 GList *g_list_check_and_prepend(GList **list, void *data, int limit)
 {
     if (list == nullptr) {
-        TRACE("%s(%d) list NULL\n", __func__, __LINE__);
+        TRACE_HERE("%s(%d) list NULL\n");
         return nullptr;
     }
     if (data == nullptr) {
-        TRACE("%s(%d) data NULL\n", __func__, __LINE__);
+        TRACE_HERE("%s(%d) data NULL\n");
         return *list;
     }
     TRACE("list_len = %d\n", static_cast<int>(g_list_length(*list)));
-    if (limit != 0 && is_full(*list, limit)) {
+    if (limit > 0 && is_full(*list, limit)) {
         TRACE("Cache Size Exceeded.. Flushing Entries\n");
         if (limit == MAX_CACHE_ENTRIES)
             refresh_dns_cache();

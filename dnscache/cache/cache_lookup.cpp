@@ -21,23 +21,22 @@ enum verdict { FOUND, UNUSABLE, PARTIAL };
 static verdict judge(int rc, const struct addrinfo *chain)
 {
     if (rc == 0 && chain != nullptr) {
-        TRACE_AS(lookup, "%s(%d):get_res_back() ret_code is SUCCESS(%d) and res is allocated.", lookup,
-                 __LINE__, rc);
+        TRACE_HERE_AS(lookup, "%s(%d):get_res_back() ret_code is SUCCESS(%d) and res is allocated.", rc);
         return FOUND;
     }
     if (rc == 0) {
-        TRACE_AS(lookup,
-                 "%s(%d): get_res_back, returned with NULL res!!! though rt_code:%d(SUCCESS) ASSERT ASSERT "
-                 "ASSERT.",
-                 lookup, __LINE__, rc);
+        TRACE_HERE_AS(
+            lookup,
+            "%s(%d): get_res_back, returned with NULL res!!! though rt_code:%d(SUCCESS) ASSERT ASSERT ASSERT.",
+            rc);
         return UNUSABLE;
     }
     if (chain == nullptr) {
-        TRACE_AS(lookup, "%s(%d): get_res_back, returned with NULL res!!! rt_code:%d ASSERT ASSERT ASSERT.",
-                 lookup, __LINE__, rc);
+        TRACE_HERE_AS(lookup,
+                      "%s(%d): get_res_back, returned with NULL res!!! rt_code:%d ASSERT ASSERT ASSERT.", rc);
         return UNUSABLE;
     }
-    TRACE_AS(lookup, "%s(%d):get_res_back() returned %d(error) but res in not null.", lookup, __LINE__, rc);
+    TRACE_HERE_AS(lookup, "%s(%d):get_res_back() returned %d(error) but res in not null.", rc);
     return PARTIAL;
 }
 
@@ -61,8 +60,7 @@ int check_local_cache(GList *list, const char *key, struct addrinfo **res)
             return verdict == FOUND ? 0 : -1;
         partial = true;
     }
-    TRACE("%s(%d):Returning NULL res as there  is no match found in spawnlet_data_list(local_cache).",
-          __func__, __LINE__);
+    TRACE_HERE("%s(%d):Returning NULL res as there  is no match found in spawnlet_data_list(local_cache).");
     TRACE_EXIT();
     return -1;
 }

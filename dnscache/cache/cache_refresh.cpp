@@ -2,8 +2,7 @@
  * cache_refresh.cpp: the refresh pass, which is the only place where a record's age counts, the background
  * resolution that it starts, and the purge that it ends with.
  *
- * One cycle of calls runs through here: a bounded prepend of the full cache (bounded_list.cpp) -> refresh
- * pass
+ * One cycle of calls runs through here: a bounded prepend of the full cache (bounded_list.cpp) -> refresh pass
  * -> job start -> bounded prepend of the job list. Nothing on that way adds to the cache.
  */
 #include <stdlib.h>
@@ -76,8 +75,8 @@ int add_entry_to_dns_cache(const char *host, int port, int vrf, const struct add
     if (request == nullptr)
         return -1;
     if (is_running(request)) {
-        TRACE("%s(%d):Job Already Forked for server:%s and service:%s!! returning 0.\n", __func__, __LINE__,
-              request->serv_name, request->service);
+        TRACE_HERE("%s(%d):Job Already Forked for server:%s and service:%s!! returning 0.\n",
+                   request->serv_name, request->service);
         free(request);
         return 0;
     }
@@ -92,8 +91,7 @@ int add_entry_to_dns_cache(const char *host, int port, int vrf, const struct add
     return 0;
 }
 
-/* Seconds since the record entered the cache, right across the end of 32-bit time; negative if in the future.
- */
+/* Seconds since the record entered the cache, right across the end of 32-bit time; negative if in the future. */
 static int32_t age_of(const server_spawnlet_data_t *record)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(time(nullptr)) -

@@ -21,7 +21,7 @@ static uint16_t family_of(const struct sockaddr *sa)
 const void *get_sock_in_addr(const struct sockaddr *sa)
 {
     if (sa == nullptr) {
-        TRACE("%s(%d) sa is NULL\n", __func__, __LINE__);
+        TRACE_HERE("%s(%d) sa is NULL\n");
         return nullptr;
     }
     const char *bytes = reinterpret_cast<const char *>(sa);
@@ -31,7 +31,7 @@ const void *get_sock_in_addr(const struct sockaddr *sa)
     case AF_INET6:
         return bytes + 8;
     default:
-        TRACE("%s(%d) invalid sa_family(%d)\n", __func__, __LINE__, family);
+        TRACE_HERE("%s(%d) invalid sa_family(%d)\n", family);
         return nullptr;
     }
 }

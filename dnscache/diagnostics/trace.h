@@ -56,8 +56,7 @@ template <typename... Args>
 void dnscache_trace_enter(const char *function, int line);
 void dnscache_trace_exit(const char *function, int line);
 
-/* The call that never runs lets the compiler check the format; a template's own arguments it does not check.
- */
+/* The call that never runs lets the compiler check the format; a template's own arguments it does not check. */
 #define TRACE_AS(function, ...)                                                                              \
     do {                                                                                                     \
         if (false)                                                                                           \
@@ -65,7 +64,12 @@ void dnscache_trace_exit(const char *function, int line);
         dnscache_trace(function, __LINE__, __VA_ARGS__);                                                     \
     } while (false)
 
+/* A message that begins with "%s(%d)" and names its own place there: the same two values as in the log file. */
+#define TRACE_HERE_AS(function, format, ...)                                                                 \
+    TRACE_AS(function, format, function, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
 #define TRACE(...) TRACE_AS(__func__, __VA_ARGS__)
+#define TRACE_HERE(...) TRACE_HERE_AS(__func__, __VA_ARGS__)
 #define TRACE_ENTER() dnscache_trace_enter(__func__, __LINE__)
 #define TRACE_EXIT() dnscache_trace_exit(__func__, __LINE__)
 

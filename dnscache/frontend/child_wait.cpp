@@ -32,14 +32,13 @@ void dnscache_wait_for_child(int pid)
         if (reaped < 0 && error == EINTR)
             continue;
         if (reaped < 0) {
-            TRACE("%s(%d): spawnlet(%d) errno(D'%d:%s)\n", __func__, __LINE__, pid, error, strerror(error));
+            TRACE_HERE("%s(%d): spawnlet(%d) errno(D'%d:%s)\n", pid, error, strerror(error));
             return;
         }
         wait_iterations++;
         if (wait_iterations == 1 || wait_iterations % polls_per_trace == 0)
-            TRACE("%s(%d): iter(%d) Waiting for spawnlet(%d) to exit \n", __func__, __LINE__, wait_iterations,
-                  pid);
+            TRACE_HERE("%s(%d): iter(%d) Waiting for spawnlet(%d) to exit \n", wait_iterations, pid);
         sleep_between_polls();
     }
-    TRACE("%s(%d): spawnlet(%d) not yet exited\n", __func__, __LINE__, pid);
+    TRACE_HERE("%s(%d): spawnlet(%d) not yet exited\n", pid);
 }

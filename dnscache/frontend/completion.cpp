@@ -23,7 +23,7 @@ static bool is_answered_already(const server_spawnlet_data_t *from_child)
     const int rc = check_local_cache(local_cache, key, &chain);
     if (chain == nullptr)
         return false;
-    TRACE_AS(handler, "%s(%d):cache entry is already existing ret_code(%d)", handler, __LINE__, rc);
+    TRACE_HERE_AS(handler, "%s(%d):cache entry is already existing ret_code(%d)", rc);
     freeaddrinfo(chain);
     return true;
 }
@@ -37,8 +37,7 @@ static bool store(const server_spawnlet_data_t *from_child)
                  static_cast<int>(sizeof(server_spawnlet_data_t)));
         return false;
     }
-    TRACE_AS(handler, "%s(%d):Updating res_cache from async-result. Appending res to the res_list \n",
-             handler, __LINE__);
+    TRACE_HERE_AS(handler, "%s(%d):Updating res_cache from async-result. Appending res to the res_list \n");
     record->timestamp = static_cast<int32_t>(time(nullptr));
     /* The record is the cache's from here on. */
     local_cache = g_list_check_and_prepend(&local_cache, record, MAX_CACHE_ENTRIES);
@@ -51,8 +50,8 @@ static void forget_job(uint32_t handle)
         const auto *job = static_cast<const server_addr_info *>(link->data);
         if (job == nullptr || job->job_handle != handle)
             continue;
-        TRACE_AS(handler, "%s(%d):Spawnlet Handle Found in job_list.\n", handler, __LINE__);
-        TRACE_AS(handler, "%s(%d):Removing Job Handle from HDL List \n", handler, __LINE__);
+        TRACE_HERE_AS(handler, "%s(%d):Spawnlet Handle Found in job_list.\n");
+        TRACE_HERE_AS(handler, "%s(%d):Removing Job Handle from HDL List \n");
         remove_list_link(&job_list, link);
         running_jobs--;
         return;
@@ -62,9 +61,9 @@ static void forget_job(uint32_t handle)
 void dnscache_spawnletcb_job_done(uint32_t handle, uint32_t syserr, void *ret_info, uint32_t ret_info_size,
                                   int32_t ret_syserr)
 {
-    TRACE("%s(%d):Handle 0x%x syserr \"%s\" ret_info_size %d  ret_syserr %d ret_info %lx\n", __func__,
-          __LINE__, handle, errcode2str(syserr), static_cast<int>(ret_info_size), ret_syserr,
-          reinterpret_cast<unsigned long>(ret_info));
+    TRACE_HERE("%s(%d):Handle 0x%x syserr \"%s\" ret_info_size %d  ret_syserr %d ret_info %lx\n", handle,
+               errcode2str(syserr), static_cast<int>(ret_info_size), ret_syserr,
+               reinterpret_cast<unsigned long>(ret_info));
 
     /* A job that was ended before it could answer brings no record, or a torn one. */
     const auto *from_child = static_cast<const server_spawnlet_data_t *>(ret_info);

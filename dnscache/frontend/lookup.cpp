@@ -1,8 +1,7 @@
 /*
  * lookup.cpp: the lookup. The cache first; then a child that is waited for; then a child that is not.
  *
- * The request record belongs to the lookup until a background job has been started from it; then to the job
- * list.
+ * The request record belongs to the lookup until a background job has been started from it; then to the job list.
  */
 #include <stdlib.h>
 #include <string.h>
@@ -25,19 +24,25 @@ static void release_chain(struct addrinfo **res)
     *res = nullptr;
 }
 
+/*
+ * The decoding writes to a pointer of our own: only so is a chain that ran out of memory half-way told from what the
+ * caller left behind *res, which is not ours to release.
+ */
 static bool answered_by_cache(const char *node, const char *service, int32_t vrf, struct addrinfo **res)
 {
-    struct addrinfo *const before = *res;
     char key[512] = "";
     create_hostcache_id(node, port_of_service(service), vrf, key);
-    if (check_local_cache(local_cache, key, res) == 0) {
-        TRACE_AS(lookup, "Found in Local Cache\n");
-        return true;
-    }
-    /* Part of a chain, if memory ran out. What the caller left there before is not ours to release. */
-    if (*res != before)
-        release_chain(res);
-    return false;
+    struct addrinfo unwritten, *chain = &unwritten;
+    const int rc = check_local_cache(local_cache, key, &chain);
+    if (chain == &unwritten)
+        return false;
+    if (rc != 0)
+        release_chain(&chain);
+    *res = chain;
+    if (rc != 0)
+        return false;
+    TRACE_AS(lookup, "Found in Local Cache\n");
+    return true;
 }
 
 /* Whatever its port and VRF: one slow host should not fill the list of background jobs. */
@@ -48,7 +53,7 @@ static bool is_host_running(const server_addr_info *request)
         const auto *job = static_cast<const server_addr_info *>(link->data);
         if (job == nullptr || strncmp(request->serv_name, job->serv_name, sizeof request->serv_name - 1) != 0)
             continue;
-        TRACE_AS(lookup, "%s(%d):Job Already Forked for server %s\n", lookup, __LINE__, request->serv_name);
+        TRACE_HERE_AS(lookup, "%s(%d):Job Already Forked for server %s\n", request->serv_name);
         running = true;
     }
     return running;
@@ -63,9 +68,8 @@ static job_outcome run_blocking_job(server_addr_info *request, bool host_is_runn
     TRACE_AS(lookup, "trying to resolve using blocking spawnlet with timeout %d secs \n", blocking_timeout);
 
     const job_outcome outcome = start_blocking_job(lookup, request, options);
-    TRACE_AS(lookup, "%s(%d):spawnlet_fork_fp:syserr:0x%x ret_syserr:0x%x str(syserr): %s\n", lookup,
-             __LINE__, outcome.syserr, static_cast<unsigned>(outcome.ret_syserr),
-             errcode2str(outcome.syserr));
+    TRACE_HERE_AS(lookup, "%s(%d):spawnlet_fork_fp:syserr:0x%x ret_syserr:0x%x str(syserr): %s\n",
+                  outcome.syserr, static_cast<unsigned>(outcome.ret_syserr), errcode2str(outcome.syserr));
     return outcome;
 }
 
@@ -83,11 +87,10 @@ static int go_on_in_background(server_addr_info **request, job_options *options)
         return -1;
     }
     const char *server = (*request)->serv_name;
-    TRACE_AS(lookup, "%s(%d):Added resolver thread for server %s to Job HDL List \n", lookup, __LINE__,
-             server);
+    TRACE_HERE_AS(lookup, "%s(%d):Added resolver thread for server %s to Job HDL List \n", server);
     job_list = g_list_check_and_prepend(&job_list, *request, MAX_SPAWNLETS);
     running_jobs++;
-    TRACE_AS(lookup, "%s(%d):Async Name Resolution Job Forked for server %s \n", lookup, __LINE__, server);
+    TRACE_HERE_AS(lookup, "%s(%d):Async Name Resolution Job Forked for server %s \n", server);
     *request = nullptr;
     return JOB_IN_BACKGROUND;
 }
@@ -122,10 +125,10 @@ static int take_outcome(const server_addr_info *request, const job_outcome &outc
         return static_cast<int>(outcome.syserr);
     }
     if (outcome.ret_syserr != 0) {
-        TRACE_AS(lookup, "%s(%d):Job Completed Successfully for server:%s but unable to resolve\n", lookup,
-                 __LINE__, request->serv_name);
-        TRACE_AS(lookup, "%s(%d): DNS fail(%d:%s)\n", lookup, __LINE__, outcome.ret_syserr,
-                 gai_strerror(outcome.ret_syserr));
+        TRACE_HERE_AS(lookup, "%s(%d):Job Completed Successfully for server:%s but unable to resolve\n",
+                      request->serv_name);
+        TRACE_HERE_AS(lookup, "%s(%d): DNS fail(%d:%s)\n", outcome.ret_syserr,
+                      gai_strerror(outcome.ret_syserr));
         return outcome.ret_syserr;
     }
     return take_answer(outcome, res);
@@ -152,6 +155,6 @@ int getaddrinfo_async_mq3(const char *node, const char *service, const struct ad
         result = take_outcome(request, outcome, res);
     free(request);
     if (result != 0 && *res == nullptr)
-        TRACE("%s(%d):Returning NULL res!!!ASSERT ASSERT ASSERT.\n", __func__, __LINE__);
+        TRACE_HERE("%s(%d):Returning NULL res!!!ASSERT ASSERT ASSERT.\n");
     return result;
 }

@@ -39,7 +39,7 @@ struct fork_bracket {
     ~fork_bracket()
     {
         if (rtctx_api_init() == 0)
-            TRACE_AS(owner, "%s(%d): rtctx_api_init fail\n", owner, __LINE__);
+            TRACE_HERE_AS(owner, "%s(%d): rtctx_api_init fail\n");
     }
     fork_bracket(const fork_bracket &) = delete;
     fork_bracket &operator=(const fork_bracket &) = delete;

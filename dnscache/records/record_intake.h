@@ -12,8 +12,7 @@
  * buffer   at least 1676 bytes, of any content
  *
  * Every text that is read as a string is terminated and a negative count becomes 0. Too large a count,
- * canonical names and address lengths stay as they came: the decoder bounds, and reports, those. NULL: no
- * memory.
+ * canonical names and address lengths stay as they came: the decoder bounds, and reports, those. NULL: no memory.
  */
 server_spawnlet_data_t *new_record_from_child(const void *buffer);
 

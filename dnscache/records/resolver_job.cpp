@@ -68,8 +68,8 @@ static void pack_answers(server_spawnlet_data_t *entry, struct addrinfo *answers
 {
     entry->num_entries = get_list_length(answers);
     if (entry->num_entries > RECORD_ENTRIES_MAX) {
-        TRACE_AS(job, "%s(%d) more dns entries/host(%d) received than Supported(%d)\n", job, __LINE__,
-                 entry->num_entries, RECORD_ENTRIES_MAX);
+        TRACE_HERE_AS(job, "%s(%d) more dns entries/host(%d) received than Supported(%d)\n",
+                      entry->num_entries, RECORD_ENTRIES_MAX);
         entry->num_entries = RECORD_ENTRIES_MAX;
     }
     int i = 0;
@@ -88,7 +88,7 @@ int resolve_server_hostname(server_addr_info *request)
     TRACE_ENTER();
     TRACE("resolve_server_hostname : server_addr_info %p\n", static_cast<void *>(request));
     if (rtctx_api_init() == 0)
-        TRACE("%s(%d): rtctx_api_init fail\n", __func__, __LINE__);
+        TRACE_HERE("%s(%d): rtctx_api_init fail\n");
 
     server_spawnlet_data_t entry = {};
     TRACE("resolve_server_hostname : %s service : %s vrf : %d\n", request->serv_name, request->service,

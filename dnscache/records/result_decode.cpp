@@ -77,8 +77,8 @@ int get_res_back(server_spawnlet_data_t *record, struct addrinfo **res)
         return -1;
     }
     if (count > RECORD_ENTRIES_MAX) {
-        TRACE("%s(%d) more dns entries/host(%d) received than Supported(%d)\n", __func__, __LINE__, count,
-              RECORD_ENTRIES_MAX);
+        TRACE_HERE("%s(%d) more dns entries/host(%d) received than Supported(%d)\n", count,
+                   RECORD_ENTRIES_MAX);
         count = RECORD_ENTRIES_MAX;
     }
     TRACE("No of entries in server_spawnlet_data_t : %d \n", count);

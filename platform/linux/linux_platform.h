@@ -101,8 +101,7 @@ int linux_history_enable(int on);
  *
  * cursor   0 to start from the oldest that is left
  *
- * Returns 1 with a record, 0 when there is none. A record that a child is writing at this moment is passed
- * over.
+ * Returns 1 with a record, 0 when there is none. A record that a child is writing at this moment is passed over.
  */
 int linux_history_read(uint64_t *cursor, linux_history_record *record);
 

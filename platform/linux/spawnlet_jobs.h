@@ -41,14 +41,12 @@ bool job_advance(job *job);
 /* job_retire: done with a job that is over. Kills the child unless it is about to leave by itself. */
 void job_retire(job *job);
 
-/* jobs_reap: free the slots of children that have exited since, and kill those that outlived their deadline.
- */
+/* jobs_reap: free the slots of children that have exited since, and kill those that outlived their deadline. */
 void jobs_reap();
 
 /* Between job service and queue: each background job is watched from its start until it is over. */
 
-/* queue_watch: false when the system has no room for it. Without a registered queue there is nothing to do.
- */
+/* queue_watch: false when the system has no room for it. Without a registered queue there is nothing to do. */
 bool queue_watch(const job *job);
 void queue_unwatch(const job *job);
 

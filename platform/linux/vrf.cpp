@@ -29,8 +29,7 @@ void rtctx_api_close(void) {}
 /* 0, or an errno. */
 static int enter_namespace(const char *path)
 {
-    /* Whatever lies at that path, opening it must not wait; setns() refuses what is not a network namespace.
-     */
+    /* Whatever lies at that path, opening it must not wait; setns() refuses what is not a network namespace. */
     const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0)
         return errno;

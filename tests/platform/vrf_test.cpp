@@ -1,6 +1,5 @@
 /*
- * Binding in real namespaces, each case in a process of its own that has left the machine's namespaces
- * before.
+ * Binding in real namespaces, each case in a process of its own that has left the machine's namespaces before.
  */
 #include <arpa/inet.h>
 #include <fcntl.h>

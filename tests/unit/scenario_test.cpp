@@ -3,8 +3,7 @@
  * it tests, and holds sections: a title after "##", commands after "> ", and below each what the library then
  * does, line by line: trace messages by sink, calls of the platform, results after "=". Source lines and
  * addresses read
- * "#", more than twenty equal characters "x*600", bytes that cannot be printed "\x00"; equal lines are
- * counted.
+ * "#", more than twenty equal characters "x*600", bytes that cannot be printed "\x00"; equal lines are counted.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -56,9 +55,10 @@ static std::string escaped(char c)
 
 static std::string shown(const std::string &line)
 {
-    static const std::regex place("^(. |F [a-z_0-9]+\\(\\) : # )([a-z_0-9]+)\\([0-9]+\\)"),
-        prefix("^F ([a-z_0-9]+)\\(\\) : [0-9]+ "), number("Line : [0-9]+"),
-        address("(serv_ptr|server_addr_info|ret_info) (0x)?[0-9a-f]+");
+    /* In the log file a message that names its place names the place of the prefix, or its number stays. */
+    static const std::regex same_place("^F ([a-z_0-9]+)\\(\\) : ([0-9]+) \\1\\(\\2\\)"),
+        prefix("^F ([a-z_0-9]+)\\(\\) : [0-9]+ "), place("^([HBP] [a-z_0-9]+)\\([0-9]+\\)"),
+        number("Line : [0-9]+"), address("(serv_ptr|server_addr_info|ret_info) (0x)?[0-9a-f]+");
     std::string text;
     for (size_t i = 0, end; i < line.size(); i = end) {
         end = std::min(line.find_first_not_of(line[i], i), line.size());
@@ -67,8 +67,9 @@ static std::string shown(const std::string &line)
             text += escaped(line[j]);
         text += is_long ? "*" + std::to_string(end - i) : "";
     }
+    text = std::regex_replace(text, same_place, "F $1() : # $1(#)");
     text = std::regex_replace(text, prefix, "F $1() : # ");
-    text = std::regex_replace(text, place, "$1$2(#)");
+    text = std::regex_replace(text, place, "$1(#)");
     return std::regex_replace(std::regex_replace(text, number, "Line : #"), address, "$1 #");
 }
 
