@@ -10,6 +10,7 @@
 #include "platform/evtrack.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -19,7 +20,7 @@
 #include "platform/linux/linux_platform.h"
 
 struct history_slot {
-    uint64_t signature; /* ticket of the record inside; 0 while it is written */
+    alignas(8) uint64_t signature; /* ticket of the record inside; 0 while it is written */
     uint32_t event_class;
     uint32_t length;
     int32_t pid;
@@ -27,9 +28,12 @@ struct history_slot {
 };
 
 struct history_ring {
-    uint64_t last_ticket;
+    alignas(8) uint64_t last_ticket;
     history_slot slots[LINUX_HISTORY_RECORDS];
 };
+
+/* A lock of the compiler's own would not be shared between processes. */
+static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr));
 
 static history_ring *ring;
 static bool history_is_on;
@@ -66,6 +70,8 @@ int evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record
     slot->length = length < LINUX_HISTORY_BYTES ? length : LINUX_HISTORY_BYTES;
     slot->pid = getpid();
     memcpy(slot->record, record, slot->length);
+    if (length > LINUX_HISTORY_BYTES)
+        slot->record[LINUX_HISTORY_BYTES - 1] = '\0';
     __atomic_store_n(&slot->signature, ticket, __ATOMIC_RELEASE);
     return 0;
 }
@@ -89,10 +95,12 @@ int linux_history_read(uint64_t *cursor, linux_history_record *record)
 {
     if (ring == nullptr)
         return 0;
+    /* Children can write here, so even the last ticket is only believed as far as the ring goes. */
     const uint64_t last = __atomic_load_n(&ring->last_ticket, __ATOMIC_ACQUIRE);
     const uint64_t overrun = last > LINUX_HISTORY_RECORDS ? last - LINUX_HISTORY_RECORDS : 0;
-    for (uint64_t ticket = (*cursor > overrun ? *cursor : overrun) + 1; ticket <= last; ticket++) {
-        if (!copy_signed(ticket, record))
+    uint64_t ticket = *cursor > overrun ? *cursor : overrun;
+    for (int i = 0; i < LINUX_HISTORY_RECORDS && ticket < last; i++) {
+        if (!copy_signed(++ticket, record))
             continue;
         *cursor = ticket;
         return 1;
@@ -110,16 +118,22 @@ int evtrack_chk_int(int, int, int, int)
     return debug_is_on ? 1 : 0;
 }
 
+/* One write for one line, and none where it would have to wait: a daemon must not hang on its debug channel. */
 int dbgemit(int, const void *modname, int, const char *format, ...)
 {
-    fprintf(stderr, "%s: ", static_cast<const evtrack_modname *>(modname)->name);
+    const int error = errno;
+    char line[4096];
+    const int name = snprintf(line, sizeof line, "%s: ", static_cast<const evtrack_modname *>(modname)->name);
     va_list args;
     va_start(args, format);
-    const int written = vfprintf(stderr, format, args);
+    vsnprintf(line + name, sizeof line - static_cast<size_t>(name) - 1, format, args);
     va_end(args);
     /* Some messages end their line and some do not; on this channel each has a line of its own. */
-    const size_t length = strlen(format);
-    if (length == 0 || format[length - 1] != '\n')
-        fputc('\n', stderr);
-    return written;
+    size_t length = strlen(line);
+    if (line[length - 1] != '\n')
+        line[length++] = '\n';
+    struct pollfd channel = {.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    const ssize_t written = poll(&channel, 1, 0) == 1 ? write(STDERR_FILENO, line, length) : 0;
+    errno = error;
+    return static_cast<int>(written);
 }

@@ -8,6 +8,7 @@
 #include "platform/spawnlet.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -27,6 +28,7 @@ static_assert(sizeof(job_options) == 44);
 
 static constexpr int64_t ns_per_second = 1'000'000'000;
 static constexpr int64_t ns_per_ms = 1'000'000;
+static constexpr int portions_max = 32; /* of one look: a whole hand-back, and then the clock is looked at */
 
 static job jobs[LINUX_JOBS_MAX];
 static linux_job_counters counters;
@@ -42,6 +44,22 @@ int64_t monotonic_ns()
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * ns_per_second + now.tv_nsec;
+}
+
+/* Rounded up, so that the last poll before a deadline does not end early and turn into a busy loop. */
+static int ms_until(int64_t deadline_ns)
+{
+    const int64_t left_ms = (deadline_ns - monotonic_ns() + ns_per_ms - 1) / ns_per_ms;
+    return left_ms > 0 ? static_cast<int>(left_ms) : 0;
+}
+
+int above_streams(int fd)
+{
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
 }
 
 void linux_jobs_started(linux_job_counters *out)
@@ -97,7 +115,9 @@ bool job_advance(job *job)
 {
     /* Asked before the channel is read, so that nothing which the child wrote before its end is missed. */
     const bool has_exited = is_readable(job->pidfd);
-    const wire_input input = wire_receive(&job->reader, job->channel);
+    wire_input input = WIRE_INPUT_BYTES;
+    for (int i = 0; i < portions_max && input == WIRE_INPUT_BYTES && job->reader.state == WIRE_READING; i++)
+        input = wire_receive(&job->reader, job->channel);
     if (job->reader.state != WIRE_READING)
         job->code = code_of(job->reader.state);
     else if (input == WIRE_INPUT_END || (input == WIRE_INPUT_NONE && has_exited))
@@ -116,6 +136,9 @@ void job_retire(job *job)
     close(job->channel);
     wire_release(&job->reader);
     job->state = JOB_LEAVING;
+    const int64_t leave_by_ns = monotonic_ns() + JOB_LEAVING_SECONDS * ns_per_second;
+    if (job->deadline_ns > leave_by_ns)
+        job->deadline_ns = leave_by_ns;
 }
 
 void jobs_reap()
@@ -135,6 +158,18 @@ void jobs_reap()
 }
 
 /* Starting a job */
+
+/* Children can leave more slowly than new ones start, when their parent is large. */
+static void wait_for_leaver(int64_t deadline_ns)
+{
+    struct pollfd leaving[LINUX_JOBS_MAX];
+    nfds_t count = 0;
+    for (const job &job : jobs)
+        if (job.state == JOB_LEAVING)
+            leaving[count++] = {.fd = job.pidfd, .events = POLLIN, .revents = 0};
+    if (count > 0 && poll(leaving, count, ms_until(deadline_ns)) > 0)
+        jobs_reap();
+}
 
 static job *free_slot()
 {
@@ -169,8 +204,26 @@ static bool is_refused(spawnlet_body_t body, const job_options *options)
            options->timeout_secs < 0 || in_job_child();
 }
 
-/* Signals stay blocked until the child has shed the host's handlers. */
-static pid_t fork_job(const child_plan *plan)
+/* A child that we hold no pidfd of stands at its gate and leaves when the channel closes. */
+static void reap_at_gate(pid_t pid)
+{
+    for (int ms = 0; ms < 1000 && waitpid(pid, nullptr, WNOHANG) == 0; ms++)
+        poll(nullptr, 0, 1);
+}
+
+/* A child that was killed at its gate may have been collected, and its pid be a stranger's by now. -1: not ours. */
+static int pidfd_of_child(pid_t pid)
+{
+    const int pidfd = above_streams(pidfd_open(pid, 0));
+    siginfo_t state = {};
+    if (pidfd < 0 || waitid(P_PIDFD, static_cast<id_t>(pidfd), &state, WEXITED | WNOHANG | WNOWAIT) == 0)
+        return pidfd;
+    close(pidfd);
+    return -1;
+}
+
+/* Signals stay blocked in the child until it has shed the host's handlers, and in the host until it has the pidfd. */
+static pid_t fork_child(const child_plan *plan, int *pidfd)
 {
     sigset_t all, before;
     sigfillset(&all);
@@ -179,21 +232,11 @@ static pid_t fork_job(const child_plan *plan)
     if (pid == 0)
         child_run(plan);
     const int error = errno;
+    close(plan->channel); /* makes room for the pidfd */
+    *pidfd = pid > 0 ? pidfd_of_child(pid) : -1;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     errno = error;
     return pid;
-}
-
-/* A child that we hold no pidfd of stands at its gate and leaves when the channel closes. */
-static void reap_at_gate(pid_t pid)
-{
-    for (int ms = 0; ms < 1000 && waitpid(pid, nullptr, WNOHANG) == 0; ms++)
-        poll(nullptr, 0, 1);
-}
-
-static uint32_t code_of_failed_fork(int error)
-{
-    return error == EAGAIN ? LINUX_JOB_FORK_REFUSED : LINUX_JOB_NO_RESOURCES;
 }
 
 /* On success the slot is RUNNING, and its child waits at the gate. */
@@ -202,36 +245,40 @@ static uint32_t fork_into(job *slot, child_plan *plan)
     int channel[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0)
         return LINUX_JOB_NO_RESOURCES;
-    plan->parent_channel = channel[0];
     plan->channel = channel[1];
-    const pid_t pid = fork_job(plan);
-    const int fork_error = errno;
-    close(channel[1]);
-    const int pidfd = pid > 0 ? pidfd_open(pid, 0) : -1;
-    if (pidfd < 0) {
-        close(channel[0]);
-        if (pid < 0)
-            return code_of_failed_fork(fork_error);
-        reap_at_gate(pid);
+    plan->parent_channel = above_streams(channel[0]);
+    int pidfd = -1;
+    if (plan->parent_channel < 0) {
+        close(plan->channel);
         return LINUX_JOB_NO_RESOURCES;
+    }
+    const pid_t pid = fork_child(plan, &pidfd);
+    const bool is_refused_by_system = pid < 0 && errno == EAGAIN;
+    if (pidfd < 0) {
+        close(plan->parent_channel);
+        if (pid > 0)
+            reap_at_gate(pid);
+        return is_refused_by_system ? LINUX_JOB_FORK_REFUSED : LINUX_JOB_NO_RESOURCES;
     }
     slot->state = JOB_RUNNING;
     slot->pidfd = pidfd;
-    slot->channel = channel[0];
+    slot->channel = plan->parent_channel;
     return LINUX_JOB_OK;
 }
 
 /* NULL: not started, and *code says why. */
 static job *start_job(child_plan *plan, const job_options *options, uint32_t handle, uint32_t *code)
 {
+    const int seconds = seconds_allowed(options);
+    const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
     jobs_reap();
+    if (handle == 0 && free_slot() == nullptr)
+        wait_for_leaver(deadline_ns);
     job *slot = free_slot();
     if (slot == nullptr) {
         *code = LINUX_JOB_NO_RESOURCES;
         return nullptr;
     }
-    const int seconds = seconds_allowed(options);
-    const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
     plan->parent = getpid();
     plan->seconds = static_cast<unsigned>(seconds) + 1;
     *code = fork_into(slot, plan);
@@ -256,9 +303,7 @@ static void wait_for(job *job)
     while (!job_advance(job)) {
         struct pollfd either[] = {{.fd = job->channel, .events = POLLIN, .revents = 0},
                                   {.fd = job->pidfd, .events = POLLIN, .revents = 0}};
-        /* Rounded up, so that the last poll does not end early and turn into a busy loop. */
-        const int64_t left_ms = (job->deadline_ns - monotonic_ns() + ns_per_ms - 1) / ns_per_ms;
-        poll(either, 2, left_ms > 0 ? static_cast<int>(left_ms) : 0);
+        poll(either, 2, ms_until(job->deadline_ns));
     }
 }
 

@@ -8,6 +8,9 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <linux/magic.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio_ext.h>
 #include <stdlib.h>
@@ -15,6 +18,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include "platform/linux/linux_platform.h"
@@ -48,10 +52,13 @@ static void die_with_parent(pid_t parent)
         _exit(EXIT_FAILURE);
 }
 
+/* Not the kernel's own, which say that they are regular files: through one a namespace could be entered. */
 static bool is_regular_file(int fd)
 {
     struct stat status;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    struct statfs system;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && fstatfs(fd, &system) == 0 &&
+           system.f_type != NSFS_MAGIC;
 }
 
 static int descriptor_of(FILE *stream)
@@ -59,7 +66,7 @@ static int descriptor_of(FILE *stream)
     return stream != nullptr ? fileno(stream) : -1;
 }
 
-/* Three streams that nobody waits on: text that the daemon has buffered is the daemon's to write. */
+/* Text that the daemon has buffered is the daemon's to write. */
 static void forget_buffered_text(const child_plan *plan)
 {
     for (FILE *stream : {stdout, stderr, plan->out, plan->err})
@@ -67,10 +74,18 @@ static void forget_buffered_text(const child_plan *plan)
             __fpurge(stream);
 }
 
-static void flush_own_text(const child_plan *plan)
+/* Room for all of it, so that writing it out cannot wait for a reader. */
+static bool takes_text_at_once(FILE *stream)
+{
+    const int fd = fileno(stream);
+    struct pollfd room = {.fd = fd, .events = POLLOUT, .revents = 0};
+    return is_regular_file(fd) || (poll(&room, 1, 0) == 1 && __fpending(stream) <= PIPE_BUF);
+}
+
+static void flush_own_text(const child_plan *plan, bool may_wait)
 {
     for (FILE *stream : {stdout, stderr, plan->out, plan->err})
-        if (stream != nullptr)
+        if (stream != nullptr && (may_wait || takes_text_at_once(stream)))
             fflush(stream);
 }
 
@@ -126,9 +141,6 @@ static void connect_streams(const child_plan *plan)
         dup2(copy[i], i);
         close(copy[i]);
     }
-    for (const int fd : original)
-        if (fd > STDERR_FILENO && !is_regular_file(fd))
-            close(fd);
 }
 
 /* The parent opens the gate once it holds our pidfd; before that we must not exit and lose our pid. */
@@ -160,9 +172,11 @@ void child_run(const child_plan *plan)
     unblock_signals();
 
     const int32_t result = plan->body(plan->arg);
+    /* Text first, or a host that ends with the answer takes it along; but no answer waits for a reader of text. */
+    flush_own_text(plan, false);
     wire_send(child_channel, FRAME_RESULT, {reinterpret_cast<const unsigned char *>(&result), sizeof result});
-    /* After the result: a reader of our text that has stopped reading must not hold the answer up. */
-    flush_own_text(plan);
+    alarm(JOB_LEAVING_SECONDS);
+    flush_own_text(plan, true);
     _exit(EXIT_SUCCESS);
 }
 

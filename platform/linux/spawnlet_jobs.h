@@ -17,6 +17,9 @@
 #include "platform/linux/spawnlet_wire.h"
 #include "platform/spawnlet.h"
 
+/* How long a child may take to write out its text and exit, once its result has been read. */
+constexpr int JOB_LEAVING_SECONDS = 2;
+
 enum job_state { JOB_FREE, JOB_RUNNING, JOB_LEAVING };
 
 struct job {
@@ -35,10 +38,18 @@ std::span<job> all_jobs();
 /* The one clock of the service: monotonic. */
 int64_t monotonic_ns();
 
+/*
+ * above_streams: the same open file on a descriptor above 2, in place of fd. Whatever the service holds must stay out
+ * of the way of a host that runs without standard streams, and prints all the same.
+ *
+ * Returns the descriptor; -1 when fd was, or when there is none left.
+ */
+int above_streams(int fd);
+
 /* job_advance: look at what has come, without waiting. true: the job is over and its code is set. */
 bool job_advance(job *job);
 
-/* job_retire: done with a job that is over. Kills the child unless it is about to leave by itself. */
+/* job_retire: done with a job that is over. The child leaves by itself, or is killed: at once if it has failed. */
 void job_retire(job *job);
 
 /* jobs_reap: free the slots of children that have exited since, and kill those that outlived their deadline. */

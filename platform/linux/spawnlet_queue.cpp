@@ -6,7 +6,6 @@
  * jobs, in turn, and to end the first that is over. So nothing can be lost between a job and its completion.
  */
 #include <errno.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
@@ -73,13 +72,8 @@ void queue_unwatch(const job *job)
 
 uint32_t linux_queue_create(void)
 {
-    const int queue = epoll_create1(EPOLL_CLOEXEC);
-    if (queue != 0)
-        return queue > 0 ? static_cast<uint32_t>(queue) : 0;
-    /* The host runs without standard input; 0 means no queue. */
-    const int moved = fcntl(queue, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(queue);
-    return moved > 0 ? static_cast<uint32_t>(moved) : 0;
+    const int queue = above_streams(epoll_create1(EPOLL_CLOEXEC));
+    return queue > 0 ? static_cast<uint32_t>(queue) : 0;
 }
 
 /* Undoes whatever part of a registration had been made. */
@@ -98,7 +92,7 @@ uint32_t spawnlet_register_async_q(uint32_t queue)
 {
     if (queue == 0 || queue > INT32_MAX || registered_queue >= 0 || in_job_child())
         return LINUX_JOB_BAD_ARGUMENT;
-    deadline_timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    deadline_timer = above_streams(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     if (deadline_timer < 0)
         return LINUX_JOB_NO_RESOURCES;
     registered_queue = static_cast<int>(queue);
@@ -129,7 +123,7 @@ static void complete(job *job, linux_completion *completion)
 
 int linux_queue_next(uint32_t queue, linux_completion *completion)
 {
-    if (registered_queue < 0 || queue != static_cast<uint32_t>(registered_queue)) {
+    if (registered_queue < 0 || queue != static_cast<uint32_t>(registered_queue) || in_job_child()) {
         errno = EINVAL;
         return -1;
     }

@@ -10,6 +10,8 @@
 
 #include "platform/linux/linux_platform.h"
 
+static constexpr uint64_t total_max = 16 * LINUX_HANDBACK_MAX;
+
 using bytes_view = std::span<const unsigned char>;
 
 /* Copies what there is up to size, and counts it in *got. Returns how much it took. */
@@ -73,11 +75,14 @@ static size_t feed_payload(wire_reader *reader, bytes_view bytes)
 
 wire_state wire_feed(wire_reader *reader, bytes_view bytes)
 {
+    reader->total_got += bytes.size();
     while (reader->state == WIRE_READING && !bytes.empty()) {
         const bool in_header = reader->header_got < sizeof reader->header;
         const size_t taken = in_header ? feed_header(reader, bytes) : feed_payload(reader, bytes);
         bytes = bytes.subspan(taken);
     }
+    if (reader->state == WIRE_READING && reader->total_got > total_max)
+        reader->state = WIRE_TOO_LARGE;
     return reader->state;
 }
 

@@ -26,7 +26,7 @@ enum wire_state {
     WIRE_READING,
     WIRE_DONE, /* the result has come */
     WIRE_MALFORMED,
-    WIRE_TOO_LARGE, /* a frame announced more than LINUX_HANDBACK_MAX */
+    WIRE_TOO_LARGE, /* a frame announced more than LINUX_HANDBACK_MAX, or there was no end to them */
     WIRE_NO_MEMORY,
 };
 
@@ -36,6 +36,7 @@ struct wire_reader {
     frame_header header;
     uint32_t header_got;
     uint32_t payload_got;
+    uint64_t total_got;      /* bounded: a child that floods its parent is cut off */
     unsigned char *handback; /* malloc()ed; NULL when none came, or none of any size */
     uint32_t handback_size;
     int32_t result;

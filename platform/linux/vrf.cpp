@@ -1,9 +1,9 @@
 /*
- * vrf.cpp: VRFs as network namespaces. VRF 0 is the namespace that the host runs in, VRF N is
- * /run/netns/vrfN.
+ * vrf.cpp: VRFs as network namespaces. VRF 0 is the namespace that the host runs in, VRF N is /run/netns/vrfN.
  *
- * Binding fails closed. A caller that does not look at the result is left in a namespace that has nothing but
- * a loopback device which is down; where even that cannot be had, it is ended.
+ * Binding fails closed. A caller that does not look at the result is left in a namespace that has nothing but a
+ * loopback device which is down, and gets no descriptor any more: daemons that answer for the host's own namespace
+ * listen on named sockets, which no network namespace confines. Where even that cannot be had it is ended.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "platform/nsbind.h"
@@ -40,6 +41,9 @@ static int enter_namespace(const char *path)
 
 static void leave_every_network()
 {
+    const struct rlimit none = {0, 0};
+    if (setrlimit(RLIMIT_NOFILE, &none) != 0)
+        _exit(EXIT_FAILURE);
     if (unshare(CLONE_NEWNET) == 0)
         return;
     if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)

@@ -1,165 +1,100 @@
 #include "platform/spawnlet.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
 
-#include "platform/linux/spawnlet_wire.h"
 #include "tests/support/jobs.h"
 
-static int hand_back(void *size)
+TEST(Spawnlet, EndsInTheResultOrTheCodeOfWhatTheChildDid)
 {
-    const std::string bytes(*static_cast<size_t *>(size), 'b');
-    spawnlet_done(bytes.data(), static_cast<uint32_t>(bytes.size()));
-    return -5;
-}
-
-static int crash(void *)
-{
-    return raise(SIGKILL);
-}
-
-static int hang(void *)
-{
-    spawnlet_done("early", 5);
-    return pause();
-}
-
-static int flood(void *)
-{
-    for (;;)
-        spawnlet_done("again", 5);
-}
-
-/* Raw bytes instead of frames, then a normal result. */
-static int garble(void *bytes)
-{
-    const std::string &text = *static_cast<std::string *>(bytes);
-    return static_cast<int>(write(job_channel(), text.data(), text.size()));
-}
-
-TEST(Spawnlet, BringsBackBufferAndResult)
-{
-    for (size_t size :
-         {size_t{0}, size_t{1}, size_t{1675}, size_t{1676}, size_t{1677}, size_t{LINUX_HANDBACK_MAX}}) {
-        const job_report report = run_job(hand_back, &size);
-        EXPECT_EQ(report.code, 0u) << size;
-        EXPECT_EQ(report.result, -5);
-        EXPECT_EQ(report.buffer, std::string(size, 'b'));
+    for (const job_way &way : job_ways()) {
+        const job_report report = run_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20);
+        EXPECT_EQ(report.code, way.code);
+        EXPECT_EQ(report.result, way.result);
+        EXPECT_EQ(report.buffer.size(), way.size);
     }
-    const job_report twice =
-        run_job([](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); });
-    EXPECT_EQ(twice.buffer, "last");
-}
-
-TEST(Spawnlet, EveryWayToFailHasItsCode)
-{
-    size_t too_large = LINUX_HANDBACK_MAX + 1;
-    const uint32_t announced[] = {FRAME_HANDBACK, 100, 7};
-    const uint32_t torn_result[] = {FRAME_RESULT, 3, 7};
-    std::string garbage(100, '\xff'), torn(reinterpret_cast<const char *>(torn_result), sizeof torn_result),
-        unfinished(reinterpret_cast<const char *>(announced), sizeof announced);
-    const struct {
-        spawnlet_body_t body;
-        void *arg;
-        uint32_t code;
-        const char *text;
-    } cases[] = {
-        {crash, nullptr, LINUX_JOB_NO_RESULT, "child ended without a result"},
-        {[](void *) -> int { _exit(0); }, nullptr, LINUX_JOB_NO_RESULT, "child ended without a result"},
-        {garble, &garbage, LINUX_JOB_NO_RESULT, "child ended without a result"},
-        {garble, &torn, LINUX_JOB_NO_RESULT, "child ended without a result"},
-        {garble, &unfinished, LINUX_JOB_NO_RESULT, "child ended without a result"},
-        {hand_back, &too_large, LINUX_JOB_TOO_LARGE, "hand-back too large"},
-        {hang, nullptr, LINUX_JOB_TIMED_OUT, "job timed out"},
-        {flood, nullptr, LINUX_JOB_TIMED_OUT, "job timed out"},
-    };
-    for (const auto &c : cases) {
-        const bool ends_by_time = c.code == LINUX_JOB_TIMED_OUT;
-        const job_report report = run_job(c.body, c.arg, ends_by_time ? 1 : 20);
-        EXPECT_EQ(report.code, c.code);
-        EXPECT_STREQ(errcode2str(report.code), c.text);
-        EXPECT_EQ(report.result, 0);
-        EXPECT_EQ(report.buffer, "");
-    }
-    EXPECT_STREQ(errcode2str(12345), "unknown code");
+    const char *texts[] = {"job timed out",       "child ended without a result",
+                           "fork refused",        "out of descriptors or memory",
+                           "hand-back too large", "bad argument",
+                           "unknown code"};
+    for (uint32_t i = 0; i < std::size(texts); i++)
+        EXPECT_STREQ(errcode2str(LINUX_JOB_TIMED_OUT + i), texts[i]);
 }
 
 TEST(Spawnlet, RefusesBadArguments)
 {
     void *buffer;
-    uint32_t size, handle;
+    uint32_t size;
     int32_t result;
     job_options good = options_for(1), negative = options_for(-1), resized = options_for(1);
     resized.record_size = 40;
-    const auto body = [](void *) { return 0; };
-    for (const job_options *options :
-         {(const job_options *)nullptr, (const job_options *)&negative, (const job_options *)&resized})
+    const struct {
+        spawnlet_body_t body;
+        const job_options *options;
+    } cases[] = {{nullptr, &good}, {nothing, nullptr}, {nothing, &negative}, {nothing, &resized}};
+    for (const auto &c : cases)
         EXPECT_EQ(
-            spawnlet_fork_fp(body, nullptr, &buffer, &size, &result, options, nullptr, nullptr, nullptr),
+            spawnlet_fork_fp(c.body, nullptr, &buffer, &size, &result, c.options, nullptr, nullptr, nullptr),
             LINUX_JOB_BAD_ARGUMENT);
-    EXPECT_EQ(spawnlet_fork_fp(nullptr, nullptr, &buffer, &size, &result, &good, nullptr, nullptr, nullptr),
-              LINUX_JOB_BAD_ARGUMENT);
-    EXPECT_EQ(spawnlet_fork_fp_async(body, nullptr, 1, &good, nullptr, nullptr, nullptr, nullptr),
+    EXPECT_EQ(spawnlet_fork_fp_async(nothing, nullptr, 1, &good, nullptr, nullptr, nullptr, nullptr),
               LINUX_JOB_BAD_ARGUMENT);
     EXPECT_EQ(spawnlet_done("x", 1), -1); /* not in a child */
-    const job_report nested = run_job([](void *) { return static_cast<int>(run_job(crash).code); });
-    EXPECT_EQ(nested.result, LINUX_JOB_BAD_ARGUMENT);
-    EXPECT_EQ(spawnlet_fork_fp_async(body, nullptr, 1, &good, nullptr, nullptr, nullptr, &handle), 0u);
+    EXPECT_EQ(run_job([](void *) { return static_cast<int>(run_job(crash).code); }).result,
+              LINUX_JOB_BAD_ARGUMENT);
+}
+
+TEST(Spawnlet, NoJobLivesForEver)
+{
+    const auto time_left = [](void *) { return static_cast<int>(alarm(0)); };
+    for (const auto &[asked, given] : {std::pair{0, 301}, {7, 8}, {INT32_MAX, 301}})
+        EXPECT_NEAR(run_job(time_left, nullptr, asked).result, given, 1);
+    /* One that defends itself is killed all the same. */
+    const size_t before = open_descriptors().size();
+    const auto stop = [](void *) -> int { return alarm(0), raise(SIGSTOP), pause(); };
+    EXPECT_EQ(run_job(stop, nullptr, 1).code, LINUX_JOB_TIMED_OUT);
+    EXPECT_TRUE(leaves_nothing_behind(before));
 }
 
 TEST(Spawnlet, SystemLimitsAreRefusalsThatLeaveNothingBehind)
 {
+    const size_t before = open_descriptors().size();
     struct rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
-    const struct rlimit few = {50, limit.rlim_max};
+    const struct rlimit few = {50, limit.rlim_max}, none = {0, 0};
     setrlimit(RLIMIT_NOFILE, &few);
     std::vector<int> sockets;
     for (int fd = socket(AF_UNIX, SOCK_STREAM, 0); fd >= 0; fd = dup(fd))
         sockets.push_back(fd);
-    for (int spare = 0; spare <= 2; spare++) {
-        EXPECT_EQ(run_job([](void *) { return 0; }).code, spare < 2 ? uint32_t{LINUX_JOB_NO_RESOURCES} : 0)
-            << spare;
+    for (const uint32_t code : {uint32_t{LINUX_JOB_NO_RESOURCES}, uint32_t{LINUX_JOB_NO_RESOURCES}, 0u}) {
+        EXPECT_EQ(run_job(nothing).code, code);
         close(sockets.back());
         sockets.pop_back();
     }
     for (const int fd : sockets)
         close(fd);
     setrlimit(RLIMIT_NOFILE, &limit);
-    const size_t before = open_descriptors().size();
-    EXPECT_TRUE(eventually([before] {
-        run_job([](void *) { return 0; });
-        return open_descriptors().size() <= before; /* one pidfd, as before */
+    EXPECT_TRUE(leaves_nothing_behind(before));
+    EXPECT_TRUE(in_its_own_process([&none] { /* privilege is above this limit, so it goes first */
+                                             return (geteuid() != 0 || setresuid(65534, 65534, 65534) == 0) &&
+                                                    setrlimit(RLIMIT_NPROC, &none) == 0 &&
+                                                    run_job(nothing).code == LINUX_JOB_FORK_REFUSED;
     }));
-    const pid_t limited = fork(); /* privilege is above the limit, so it goes first */
-    if (limited == 0) {
-        const struct rlimit none = {0, 0};
-        if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0)
-            _exit(2);
-        setrlimit(RLIMIT_NPROC, &none);
-        _exit(run_job([](void *) { return 0; }).code == LINUX_JOB_FORK_REFUSED ? 0 : 1);
-    }
-    int status;
-    ASSERT_EQ(waitpid(limited, &status, 0), limited);
-    EXPECT_EQ(status, 0);
 }
 
 TEST(Spawnlet, EndOfTheChildDecidesWhenAGrandchildHoldsTheChannel)
 {
     pid_t *grandchild = shared<pid_t>();
-    const job_report report = run_job(
-        [](void *pid) {
-            const pid_t forked = fork();
-            if (forked == 0)
-                pause();
-            *static_cast<pid_t *>(pid) = forked;
-            return raise(SIGKILL);
-        },
-        grandchild);
-    EXPECT_EQ(report.code, LINUX_JOB_NO_RESULT);
+    const auto leave_a_grandchild = [](void *pid) {
+        const pid_t forked = fork();
+        if (forked == 0)
+            pause();
+        *static_cast<pid_t *>(pid) = forked;
+        return raise(SIGKILL);
+    };
+    EXPECT_EQ(run_job(leave_a_grandchild, grandchild).code, LINUX_JOB_NO_RESULT);
     ASSERT_GT(*grandchild, 0);
     kill(*grandchild, SIGKILL);
 }
@@ -230,76 +165,85 @@ TEST(Spawnlet, ChildShedsWhatIsTheHosts)
         EXPECT_EQ(close(fd), 0);
 }
 
-TEST(Spawnlet, TextComesOutOnceAndOfBothProcesses)
+/* out is a pipe to which the child writes in every way it can. */
+static int write_text(void *out)
 {
-    char path[] = "/tmp/spawnlet_test.XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    FILE *out = fdopen(fd, "a");
+    fputs("stream ", static_cast<FILE *>(out));
+    fputs("stdout ", stdout);
+    fputs("stderr ", stderr);
+    return 0;
+}
+
+TEST(Spawnlet, TextComesOutOnceAndBeforeTheAnswer)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0); /* what is not there yet is missing */
+    FILE *out = fdopen(ends[1], "w");
     fputs("parent ", out);
-    const job_report report = run_job(
-        [](void *stream) {
-            fputs("stream ", static_cast<FILE *>(stream));
-            fputs("stdout ", stdout);
-            fputs("stderr ", stderr);
-            return 0;
-        },
-        out, 20, nullptr, out, out);
-    EXPECT_EQ(report.code, 0u);
+    EXPECT_EQ(run_job(write_text, out, 20, nullptr, out, out).code, 0u);
     fflush(out);
-    std::string text;
-    EXPECT_TRUE(eventually([&text, &path] { /* the child flushes after its result */
-                                            char bytes[100] = "";
-                                            FILE *in = fopen(path, "r");
-                                            text.assign(bytes, fread(bytes, 1, sizeof bytes, in));
-                                            fclose(in);
-                                            return text.size() >= 28;
+    char text[100] = "";
+    EXPECT_GT(read(ends[0], text, sizeof text - 1), 0);
+    EXPECT_EQ(strlen(text), strlen("parent stream stdout stderr ")) << text;
+    for (const char *word : {"parent ", "stream ", "stdout ", "stderr "})
+        EXPECT_NE(strstr(text, word), nullptr) << text;
+}
+
+TEST(Spawnlet, AReaderWhoStoppedReadingHoldsNothingUp)
+{
+    const size_t before = open_descriptors().size() + 2;
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    while (write(ends[1], "full", 4) > 0)
+        ;
+    fcntl(ends[1], F_SETFL, 0);
+    FILE *out = fdopen(ends[1], "w");
+    const auto write_buffered = [](void *) { return fputs("stdout", stdout) < 0 ? 1 : 0; };
+    EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
+    EXPECT_TRUE(leaves_nothing_behind(before));
+}
+
+TEST(Spawnlet, HostsWithoutStandardStreamsKeepThemClosed)
+{
+    EXPECT_TRUE(in_its_own_process([] {
+        for (int fd = 0; fd < 3; fd++)
+            close(fd);
+        const uint32_t queue = linux_queue_create();
+        bool right = spawnlet_register_async_q(queue) == 0;
+        start_job(hang);
+        for (int fd = 0; fd < 3; fd++)
+            right = right && fcntl(fd, F_GETFD) < 0;
+        return right && run_job([](void *) { return write(1, "x", 1) == 1 ? 7 : 8; }).result == 7;
     }));
-    for (const char *word : {"parent ", "stream ", "stdout ", "stderr "}) {
-        EXPECT_NE(text.find(word), std::string::npos) << text;
-        EXPECT_EQ(text.find(word), text.rfind(word)) << text;
-    }
-    fclose(out);
-    unlink(path);
 }
 
 TEST(Spawnlet, StreamsMayHaveAnyDescriptors)
 {
-    /* In a process of its own, without standard streams: the job's pipe and streams land on 0 to 2. */
-    const pid_t bare = fork();
-    if (bare == 0) {
-        for (int fd = 0; fd < 3; fd++)
-            close(fd);
+    EXPECT_TRUE(in_its_own_process([] {
+        close(0);
         FILE *zero = tmpfile(); /* takes descriptor 0 */
-        const job_report plain = run_job([](void *) { return write(1, "x", 1) == 1 ? 7 : 8; });
-        const job_report swapped = run_job(
-            [](void *) {
-                struct stat out, null_device;
-                stat("/dev/null", &null_device);
-                return fstat(1, &out) == 0 && S_ISREG(out.st_mode) && fstat(0, &out) == 0 &&
-                               out.st_rdev == null_device.st_rdev
-                           ? 7
-                           : 8;
-            },
-            nullptr, 20, nullptr, zero, nullptr);
-        _exit(plain.code == 0 && plain.result == 7 && swapped.code == 0 && swapped.result == 7 ? 0 : 1);
-    }
-    int status;
-    ASSERT_EQ(waitpid(bare, &status, 0), bare);
-    EXPECT_EQ(status, 0);
+        const auto inspect_streams = [](void *) {
+            struct stat in, out, null_device;
+            stat("/dev/null", &null_device);
+            return fstat(1, &out) == 0 && S_ISREG(out.st_mode) && fstat(0, &in) == 0 &&
+                           in.st_rdev == null_device.st_rdev
+                       ? 7
+                       : 8;
+        };
+        return run_job(inspect_streams, nullptr, 20, nullptr, zero, nullptr).result == 7;
+    }));
 }
 
 TEST(Spawnlet, ChildDiesWithItsParent)
 {
     pid_t *child = shared<pid_t>();
+    const auto show_and_hang = [](void *pid) -> int {
+        *static_cast<pid_t *>(pid) = getpid();
+        return pause();
+    };
     const pid_t parent = fork();
     if (parent == 0)
-        run_job(
-            [](void *pid) {
-                *static_cast<pid_t *>(pid) = getpid();
-                return pause();
-            },
-            child);
+        run_job(show_and_hang, child);
     ASSERT_TRUE(eventually([child] { return *child != 0; }));
     const long pidfd = syscall(SYS_pidfd_open, *child, 0);
     kill(parent, SIGKILL);
@@ -307,25 +251,22 @@ TEST(Spawnlet, ChildDiesWithItsParent)
     EXPECT_TRUE(becomes_readable(static_cast<uint32_t>(pidfd)));
 }
 
+static void collect_all(int)
+{
+    const int error = errno;
+    while (waitpid(-1, nullptr, WNOHANG) > 0)
+        ;
+    errno = error;
+}
+
 TEST(Spawnlet, WorksWhateverBecomesOfSigchldAndLeavesNoZombie)
 {
-    const auto collect_all = [](int) {
-        const int error = errno;
-        while (waitpid(-1, nullptr, WNOHANG) > 0)
-            ;
-        errno = error;
-    };
+    const size_t before = open_descriptors().size();
     for (const sighandler_t disposition : {SIG_DFL, SIG_IGN, static_cast<sighandler_t>(collect_all)}) {
         signal(SIGCHLD, disposition);
-        for (int i = 0; i < 20; i++) {
-            EXPECT_EQ(run_job([](void *i_arg) { return *static_cast<int *>(i_arg); }, &i).result, i);
-            EXPECT_EQ(run_job(crash).code, LINUX_JOB_NO_RESULT);
-        }
-        EXPECT_TRUE(eventually([] {
-            run_job(crash); /* reaps those before it */
-            siginfo_t info = {};
-            return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 ? info.si_pid == 0
-                                                                             : errno == ECHILD;
-        }));
+        for (int i = 0; i < 100; i++)
+            EXPECT_EQ(run_job(i % 2 == 0 ? nothing : crash).code,
+                      i % 2 == 0 ? 0u : uint32_t{LINUX_JOB_NO_RESULT});
+        EXPECT_TRUE(leaves_nothing_behind(before));
     }
 }

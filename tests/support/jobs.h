@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "platform/linux/linux_platform.h"
+#include "platform/linux/spawnlet_wire.h"
 #include "platform/spawnlet.h"
 
 static inline job_options options_for(int32_t timeout_secs)
@@ -105,6 +107,70 @@ T *shared()
     return new (memory) T();
 }
 
+/* What a child may do, and what its job comes to, waited for or in the background. */
+
+static inline int hand_back(void *size)
+{
+    const std::string bytes(*static_cast<size_t *>(size), 'b');
+    spawnlet_done(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    return -5;
+}
+
+static inline int crash(void *)
+{
+    return raise(SIGKILL);
+}
+
+static inline int hang(void *)
+{
+    spawnlet_done("early", 5);
+    return pause();
+}
+
+/* Raw words instead of frames, then a normal result. */
+static inline int garble(void *words)
+{
+    return static_cast<int>(write(job_channel(), words, 12));
+}
+
+struct job_way {
+    spawnlet_body_t body;
+    void *arg;
+    uint32_t code;
+    int32_t result;
+    size_t size; /* of what comes back */
+};
+
+static inline const std::vector<job_way> &job_ways()
+{
+    static size_t sizes[] = {0, 1, 1675, 1676, 1677, LINUX_HANDBACK_MAX, LINUX_HANDBACK_MAX + 1};
+    static uint32_t garbage[] = {~0u, ~0u, ~0u}, unfinished[] = {FRAME_HANDBACK, 100, 7},
+                    torn[] = {FRAME_RESULT, 3, 7};
+    static const std::vector<job_way> ways = {
+        {hand_back, &sizes[0], 0, -5, 0},
+        {hand_back, &sizes[1], 0, -5, 1},
+        {hand_back, &sizes[2], 0, -5, 1675},
+        {hand_back, &sizes[3], 0, -5, 1676},
+        {hand_back, &sizes[4], 0, -5, 1677},
+        {hand_back, &sizes[5], 0, -5, LINUX_HANDBACK_MAX},
+        {hand_back, &sizes[6], LINUX_JOB_TOO_LARGE, 0, 0},
+        {[](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); }, nullptr, 0, 0, 4},
+        {[](void *) -> int { _exit(0); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0},
+        {crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0},
+        {garble, garbage, LINUX_JOB_NO_RESULT, 0, 0},
+        {garble, unfinished, LINUX_JOB_NO_RESULT, 0, 0},
+        {garble, torn, LINUX_JOB_NO_RESULT, 0, 0},
+        {[](void *) -> int { return raise(SIGSTOP), pause(); }, nullptr, LINUX_JOB_TIMED_OUT, 0, 0},
+        {hang, nullptr, LINUX_JOB_TIMED_OUT, 0, 0},
+        {[](void *) -> int {
+             for (;;)
+                 spawnlet_done("again", 5);
+         },
+         nullptr, LINUX_JOB_TOO_LARGE, 0, 0},
+    };
+    return ways;
+}
+
 /* Waits for an event that has no descriptor. */
 static inline bool eventually(const std::function<bool()> &event)
 {
@@ -114,6 +180,34 @@ static inline bool eventually(const std::function<bool()> &event)
         poll(nullptr, 0, 1);
     }
     return false;
+}
+
+static inline int nothing(void *)
+{
+    return 0;
+}
+
+/* Each job reaps those before it: in the end no child and no descriptor is left but the last one's. */
+static inline bool leaves_nothing_behind(size_t descriptors)
+{
+    return eventually([descriptors] {
+        run_job(nothing);
+        siginfo_t last = {};
+        return open_descriptors().size() <= descriptors + 1 &&
+               (waitid(P_ALL, 0, &last, WEXITED | WSTOPPED | WNOHANG | WNOWAIT) != 0 || last.si_pid == 0);
+    });
+}
+
+/* What a test does to a whole process it does in one of its own. true: it returned true there. */
+template <typename Body>
+bool in_its_own_process(Body body)
+{
+    const pid_t process = fork();
+    if (process == 0)
+        _exit(body() ? 0 : 1);
+    int status = -1;
+    waitpid(process, &status, 0);
+    return status == 0;
 }
 
 #endif
