@@ -1,7 +1,7 @@
 /*
  * linux_platform.h: what a host may call on Linux beyond the headers of platform/: the queue that completions
- * arrive on, and the platform's switches. C11 and C++20; one thread, which lives as long as
- * its jobs do: the kernel ends a child with the thread that forked it. A forked copy of the host leaves the queue alone.
+ * arrive on, and the platform's switches. C11 and C++20. One thread, which lives as long as its jobs do, since the
+ * kernel ends a child with the thread that forked it; a forked copy of the host leaves the queue alone.
  *
  * A host makes a queue, registers it (dns_cache_init does), adds its descriptor to its event loop, and when
  * it is readable takes completions until there are none:

@@ -10,7 +10,7 @@
 
 #include "platform/linux/linux_platform.h"
 
-static constexpr uint64_t total_max = 16 * LINUX_HANDBACK_MAX;
+static constexpr uint64_t total_max = uint64_t{16} * LINUX_HANDBACK_MAX;
 
 using bytes_view = std::span<const unsigned char>;
 
