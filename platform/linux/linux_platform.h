@@ -29,9 +29,9 @@ extern "C" {
 
 /* Limits of the job service */
 
-#define LINUX_JOB_SECONDS_MAX 300      /* no job lives longer; a time-out of 0 means this */
-#define LINUX_JOBS_MAX 64              /* jobs at once, children that have yet to exit included */
-#define LINUX_HANDBACK_MAX (64 * 1024) /* bytes that one spawnlet_done() takes */
+#define LINUX_JOB_SECONDS_MAX 300 /* no job lives longer; a time-out of 0 means this */
+#define LINUX_JOBS_MAX 64         /* jobs at once, children that have yet to exit included */
+#define LINUX_HANDBACK_MAX 65536  /* bytes that one spawnlet_done() takes */
 
 /* Its codes. errcode2str() has their texts. */
 enum {
