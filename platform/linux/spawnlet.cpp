@@ -1,20 +1,18 @@
 /*
- * spawnlet.cpp: the calls of the job service, its table of jobs, its codes and their texts.
+ * spawnlet.cpp: the calls of the job service, its codes and their texts, and the fork.
  *
- * A job is over when its child's result has been read, not when the child has exited: for a parent with much
- * memory that exit takes as long as the fork did. The child is reaped later, through its pidfd, and nobody
- * minds if somebody else has collected it.
+ * A job is over when its child's result has been read, not when the child has exited: for a parent with much memory that
+ * exit takes as long as the fork did. The child is reaped later, through its pidfd, and nobody minds if somebody else
+ * has collected it.
  */
 #include "platform/spawnlet.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 extern "C" {
@@ -26,41 +24,8 @@ extern "C" {
 
 static_assert(sizeof(job_options) == 44);
 
-static constexpr int64_t ns_per_second = 1'000'000'000;
-static constexpr int64_t ns_per_ms = 1'000'000;
-static constexpr int portions_max = 32; /* of one look: a whole hand-back, and then the clock is looked at */
-
-static job jobs[LINUX_JOBS_MAX];
 static linux_job_counters counters;
 static unsigned char *last_handback; /* of spawnlet_fork_fp() */
-
-std::span<job> all_jobs()
-{
-    return jobs;
-}
-
-int64_t monotonic_ns()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * ns_per_second + now.tv_nsec;
-}
-
-/* Rounded up, so that the last poll before a deadline does not end early and turn into a busy loop. */
-static int ms_until(int64_t deadline_ns)
-{
-    const int64_t left_ms = (deadline_ns - monotonic_ns() + ns_per_ms - 1) / ns_per_ms;
-    return left_ms > 0 ? static_cast<int>(left_ms) : 0;
-}
-
-int above_streams(int fd)
-{
-    if (fd < 0 || fd > STDERR_FILENO)
-        return fd;
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(fd);
-    return moved;
-}
 
 void linux_jobs_started(linux_job_counters *out)
 {
@@ -89,95 +54,7 @@ const char *errcode2str(uint32_t code)
     }
 }
 
-/* A job moves on */
-
-static bool is_readable(int fd)
-{
-    struct pollfd one = {.fd = fd, .events = POLLIN, .revents = 0};
-    return poll(&one, 1, 0) > 0;
-}
-
-static uint32_t code_of(wire_state state)
-{
-    switch (state) {
-    case WIRE_DONE:
-        return LINUX_JOB_OK;
-    case WIRE_TOO_LARGE:
-        return LINUX_JOB_TOO_LARGE;
-    case WIRE_NO_MEMORY:
-        return LINUX_JOB_NO_RESOURCES;
-    default:
-        return LINUX_JOB_NO_RESULT;
-    }
-}
-
-bool job_advance(job *job)
-{
-    /* Asked before the channel is read, so that nothing which the child wrote before its end is missed. */
-    const bool has_exited = is_readable(job->pidfd);
-    wire_input input = WIRE_INPUT_BYTES;
-    for (int i = 0; i < portions_max && input == WIRE_INPUT_BYTES && job->reader.state == WIRE_READING; i++)
-        input = wire_receive(&job->reader, job->channel);
-    if (job->reader.state != WIRE_READING)
-        job->code = code_of(job->reader.state);
-    else if (input == WIRE_INPUT_END || (input == WIRE_INPUT_NONE && has_exited))
-        job->code = LINUX_JOB_NO_RESULT; /* a grandchild may hold the channel open: the child's end decides */
-    else if (monotonic_ns() >= job->deadline_ns)
-        job->code = LINUX_JOB_TIMED_OUT;
-    else
-        return false;
-    return true;
-}
-
-void job_retire(job *job)
-{
-    if (job->code != LINUX_JOB_OK)
-        pidfd_send_signal(job->pidfd, SIGKILL, nullptr, 0);
-    close(job->channel);
-    wire_release(&job->reader);
-    job->state = JOB_LEAVING;
-    const int64_t leave_by_ns = monotonic_ns() + JOB_LEAVING_SECONDS * ns_per_second;
-    if (job->deadline_ns > leave_by_ns)
-        job->deadline_ns = leave_by_ns;
-}
-
-void jobs_reap()
-{
-    for (job &job : jobs) {
-        if (job.state != JOB_LEAVING)
-            continue;
-        siginfo_t exited = {};
-        const int rc = waitid(P_PIDFD, static_cast<id_t>(job.pidfd), &exited, WEXITED | WNOHANG);
-        if ((rc == 0 && exited.si_pid != 0) || (rc < 0 && errno == ECHILD)) {
-            close(job.pidfd);
-            job = {};
-        } else if (monotonic_ns() >= job.deadline_ns) {
-            pidfd_send_signal(job.pidfd, SIGKILL, nullptr, 0);
-        }
-    }
-}
-
 /* Starting a job */
-
-/* Children can leave more slowly than new ones start, when their parent is large. */
-static void wait_for_leaver(int64_t deadline_ns)
-{
-    struct pollfd leaving[LINUX_JOBS_MAX];
-    nfds_t count = 0;
-    for (const job &job : jobs)
-        if (job.state == JOB_LEAVING)
-            leaving[count++] = {.fd = job.pidfd, .events = POLLIN, .revents = 0};
-    if (count > 0 && poll(leaving, count, ms_until(deadline_ns)) > 0)
-        jobs_reap();
-}
-
-static job *free_slot()
-{
-    for (job &job : jobs)
-        if (job.state == JOB_FREE)
-            return &job;
-    return nullptr;
-}
 
 static uint32_t new_handle()
 {
@@ -185,7 +62,7 @@ static uint32_t new_handle()
     for (;;) {
         last++;
         bool is_taken = last == 0;
-        for (const job &job : jobs)
+        for (const job &job : all_jobs())
             is_taken = is_taken || (job.state != JOB_FREE && job.handle == last);
         if (!is_taken)
             return last;
@@ -247,11 +124,11 @@ static uint32_t fork_into(job *slot, child_plan *plan)
         return LINUX_JOB_NO_RESOURCES;
     plan->channel = channel[1];
     plan->parent_channel = above_streams(channel[0]);
-    int pidfd = -1;
     if (plan->parent_channel < 0) {
         close(plan->channel);
         return LINUX_JOB_NO_RESOURCES;
     }
+    int pidfd;
     const pid_t pid = fork_child(plan, &pidfd);
     const bool is_refused_by_system = pid < 0 && errno == EAGAIN;
     if (pidfd < 0) {
@@ -271,10 +148,7 @@ static job *start_job(child_plan *plan, const job_options *options, uint32_t han
 {
     const int seconds = seconds_allowed(options);
     const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
-    jobs_reap();
-    if (handle == 0 && free_slot() == nullptr)
-        wait_for_leaver(deadline_ns);
-    job *slot = free_slot();
+    job *slot = free_slot(handle == 0 ? deadline_ns : 0); /* a start in the background does not wait */
     if (slot == nullptr) {
         *code = LINUX_JOB_NO_RESOURCES;
         return nullptr;
@@ -291,8 +165,8 @@ static job *start_job(child_plan *plan, const job_options *options, uint32_t han
         job_retire(slot);
         return nullptr;
     }
-    send(slot->channel, "", 1,
-         MSG_NOSIGNAL); /* opens the gate; a child that is gone shows in job_advance() */
+    /* Opens the gate; a child that is gone shows in job_advance(). */
+    send(slot->channel, "", 1, MSG_NOSIGNAL);
     return slot;
 }
 

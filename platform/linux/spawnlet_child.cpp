@@ -74,12 +74,13 @@ static void forget_buffered_text(const child_plan *plan)
             __fpurge(stream);
 }
 
-/* Room for all of it, so that writing it out cannot wait for a reader. */
+/* Room for all of it, so that writing it out cannot wait for a reader, and a reader, so that it cannot end us. */
 static bool takes_text_at_once(FILE *stream)
 {
     const int fd = fileno(stream);
     struct pollfd room = {.fd = fd, .events = POLLOUT, .revents = 0};
-    return is_regular_file(fd) || (poll(&room, 1, 0) == 1 && __fpending(stream) <= PIPE_BUF);
+    return is_regular_file(fd) ||
+           (poll(&room, 1, 0) == 1 && room.revents == POLLOUT && __fpending(stream) <= PIPE_BUF);
 }
 
 static void flush_own_text(const child_plan *plan, bool may_wait)

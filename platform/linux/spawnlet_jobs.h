@@ -35,8 +35,13 @@ struct job {
 /* All LINUX_JOBS_MAX slots. */
 std::span<job> all_jobs();
 
+constexpr int64_t ns_per_second = 1'000'000'000;
+
 /* The one clock of the service: monotonic. */
 int64_t monotonic_ns();
+
+/* ms_until: rounded up, so that the last poll before a deadline does not end early and turn into a busy loop. */
+int ms_until(int64_t deadline_ns);
 
 /*
  * above_streams: the same open file on a descriptor above 2, in place of fd. Whatever the service holds must stay out
@@ -45,6 +50,14 @@ int64_t monotonic_ns();
  * Returns the descriptor; -1 when fd was, or when there is none left.
  */
 int above_streams(int fd);
+
+/*
+ * free_slot: a slot for a new job, after a look at who has left.
+ *
+ * deadline_ns  until when to wait for a child that leaves, since with a large parent they can leave more slowly than new
+ *              ones start; 0 not to wait
+ */
+job *free_slot(int64_t deadline_ns);
 
 /* job_advance: look at what has come, without waiting. true: the job is over and its code is set. */
 bool job_advance(job *job);

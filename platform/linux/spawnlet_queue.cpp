@@ -32,8 +32,8 @@ static void set_timer()
             earliest = job.deadline_ns;
     struct itimerspec when = {}; /* all zero disarms */
     if (earliest != INT64_MAX) {
-        when.it_value.tv_sec = static_cast<time_t>(earliest / 1'000'000'000);
-        when.it_value.tv_nsec = static_cast<long>(earliest % 1'000'000'000);
+        when.it_value.tv_sec = static_cast<time_t>(earliest / ns_per_second);
+        when.it_value.tv_nsec = static_cast<long>(earliest % ns_per_second);
     }
     timerfd_settime(deadline_timer, TFD_TIMER_ABSTIME, &when, nullptr);
 }

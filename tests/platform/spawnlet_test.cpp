@@ -201,6 +201,8 @@ TEST(Spawnlet, AReaderWhoStoppedReadingHoldsNothingUp)
     const auto write_buffered = [](void *) { return fputs("stdout", stdout) < 0 ? 1 : 0; };
     EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
     EXPECT_TRUE(leaves_nothing_behind(before));
+    close(ends[0]); /* nor does one who has gone */
+    EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
 }
 
 TEST(Spawnlet, HostsWithoutStandardStreamsKeepThemClosed)
