@@ -56,13 +56,6 @@ initialisers)
         exit 1
     fi
     ;;
-internals)
-    printf '%s\n' async_queue blocking_timeout cache_initialised cache_timeout create_hostcache_id job_list \
-        local_cache running_jobs > "$work/expected"
-    nm --defined-only "$build/libdnscache.a" 2> "$work/errors" | awk 'NF == 3 { print $3 }' | sort > "$work/defined"
-    comm -12 "$work/expected" "$work/defined" > "$work/found"
-    same "$work/expected" "$work/found"
-    ;;
 headers)
     flags="-I$source $(pkg-config --cflags glib-2.0) -Wall -Wextra -Wpedantic -Werror -fsyntax-only"
     for header in "$source"/dnscache/dnscache.h "$source"/platform/*.h "$source"/platform/linux/linux_platform.h; do

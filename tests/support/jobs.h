@@ -127,6 +127,12 @@ static inline int hang(void *)
     return pause();
 }
 
+static inline int flood(void *)
+{
+    for (;;)
+        spawnlet_done("again", 5);
+}
+
 /* Raw words instead of frames, then a normal result. */
 static inline int garble(void *words)
 {
@@ -144,30 +150,23 @@ struct job_way {
 static inline const std::vector<job_way> &job_ways()
 {
     static size_t sizes[] = {0, 1, 1675, 1676, 1677, LINUX_HANDBACK_MAX, LINUX_HANDBACK_MAX + 1};
-    static uint32_t garbage[] = {~0u, ~0u, ~0u}, unfinished[] = {FRAME_HANDBACK, 100, 7},
-                    torn[] = {FRAME_RESULT, 3, 7};
-    static const std::vector<job_way> ways = {
-        {hand_back, &sizes[0], 0, -5, 0},
-        {hand_back, &sizes[1], 0, -5, 1},
-        {hand_back, &sizes[2], 0, -5, 1675},
-        {hand_back, &sizes[3], 0, -5, 1676},
-        {hand_back, &sizes[4], 0, -5, 1677},
-        {hand_back, &sizes[5], 0, -5, LINUX_HANDBACK_MAX},
-        {hand_back, &sizes[6], LINUX_JOB_TOO_LARGE, 0, 0},
-        {[](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); }, nullptr, 0, 0, 4},
-        {[](void *) -> int { _exit(0); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0},
-        {crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0},
-        {garble, garbage, LINUX_JOB_NO_RESULT, 0, 0},
-        {garble, unfinished, LINUX_JOB_NO_RESULT, 0, 0},
-        {garble, torn, LINUX_JOB_NO_RESULT, 0, 0},
-        {[](void *) -> int { return raise(SIGSTOP), pause(); }, nullptr, LINUX_JOB_TIMED_OUT, 0, 0},
-        {hang, nullptr, LINUX_JOB_TIMED_OUT, 0, 0},
-        {[](void *) -> int {
-             for (;;)
-                 spawnlet_done("again", 5);
-         },
-         nullptr, LINUX_JOB_TOO_LARGE, 0, 0},
-    };
+    static uint32_t garbage[][3] = {{~0u, ~0u, ~0u}, {FRAME_HANDBACK, 100, 7}, {FRAME_RESULT, 3, 7}};
+    static std::vector<job_way> ways;
+    if (!ways.empty())
+        return ways;
+    for (size_t &size : sizes)
+        ways.push_back({hand_back, &size, 0, -5, size});
+    ways.back() = {hand_back, &sizes[6], LINUX_JOB_TOO_LARGE, 0, 0};
+    for (auto &words : garbage)
+        ways.push_back({garble, words, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back(
+        {[](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); }, nullptr, 0, 0, 4});
+    ways.push_back({[](void *) -> int { _exit(0); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back({crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back(
+        {[](void *) -> int { return raise(SIGSTOP), pause(); }, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
+    ways.push_back({hang, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
+    ways.push_back({flood, nullptr, LINUX_JOB_TOO_LARGE, 0, 0});
     return ways;
 }
 

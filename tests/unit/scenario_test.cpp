@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <string.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include <map>
 #include <regex>
 #include <sstream>
+#include <tuple>
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/records/request_record.h"
@@ -73,89 +75,85 @@ static std::string shown(const std::string &line)
     return std::regex_replace(std::regex_replace(text, number, "Line : #"), address, "$1 #");
 }
 
-static void result(const std::string &text)
+static void result(const char *format, ...)
 {
-    fake.log.push_back("= " + text);
+    va_list args;
+    va_start(args, format);
+    g_autofree char *text = g_strdup_vprintf(format, args);
+    va_end(args);
+    fake.log.push_back(std::string("= ") + text);
 }
 
-static std::string chain_text(const struct addrinfo *chain)
+static int number(const std::string &word)
 {
-    std::string text;
-    for (; chain != nullptr; chain = chain->ai_next) {
-        char address[INET6_ADDRSTRLEN] = "";
-        inet_ntop(chain->ai_family,
-                  reinterpret_cast<const char *>(chain->ai_addr) + (chain->ai_family == AF_INET ? 4 : 8),
-                  address, sizeof address);
-        text += std::string(" ") + address + "/" + std::to_string(chain->ai_addrlen) +
-                (chain->ai_canonname != nullptr ? std::string("/") + chain->ai_canonname : "");
-    }
-    return text;
+    return static_cast<int>(std::stol(word));
 }
 
-/* Also writes the record over before the chain is read: a chain owns all it points to. */
-static void show_chain(int rc, struct addrinfo *chain, bool overwrite = false)
+static std::string address_text(int family, const void *sa)
 {
-    if (overwrite)
-        memset(&record, 0xee, sizeof record);
-    result(std::to_string(rc) + (chain == &stale    ? " stale"
-                                 : chain == nullptr ? " NULL"
-                                                    : chain_text(chain)));
+    char text[INET6_ADDRSTRLEN] = "";
+    return inet_ntop(family, static_cast<const char *>(sa) + (family == AF_INET ? 4 : 8), text, sizeof text);
+}
+
+static void show_chain(int rc, struct addrinfo *chain)
+{
+    std::string text = chain == &stale ? " stale" : chain == nullptr ? " NULL" : "";
+    for (struct addrinfo *ai = chain; ai != nullptr && ai != &stale; ai = ai->ai_next)
+        text += " " + address_text(ai->ai_family, ai->ai_addr) + "/" + std::to_string(ai->ai_addrlen) +
+                (ai->ai_canonname != nullptr ? std::string("/") + ai->ai_canonname : "");
+    result("%d%s", rc, text.c_str());
     if (chain != nullptr && chain != &stale)
         freeaddrinfo(chain);
 }
 
 static void show_list(const char *name, GList *list, const std::function<std::string(void *)> &show)
 {
-    std::string text = name + std::string(" ") + std::to_string(g_list_length(list)) + ":";
+    std::string text;
     for (GList *link = list; link != nullptr; link = link->next)
         if (g_list_position(list, link) < 5 || link->next == nullptr)
             text += " " + (link->data == nullptr ? "NULL" : show(link->data));
-    result(text);
+    result("%s %u:%s", name, g_list_length(list), text.c_str());
 }
 
-static void show_state()
+static void show_state(const words &)
 {
     show_list("cache", local_cache, [](void *data) {
-        const auto *cached = static_cast<server_spawnlet_data_t *>(data);
-        return cached->serv_id + std::string("/") + std::to_string(cached->status) + "@" +
-               std::to_string(cached->timestamp);
+        const auto *r = static_cast<server_spawnlet_data_t *>(data);
+        return r->serv_id + ("/" + std::to_string(r->status)) + "@" + std::to_string(r->timestamp);
     });
     show_list("jobs", job_list, [](void *data) {
-        const auto *job = static_cast<server_addr_info *>(data);
-        return job->serv_name + std::string(":") + job->service + ":" + std::to_string(job->vrf) + "#" +
-               std::to_string(job->job_handle);
+        const auto *r = static_cast<server_addr_info *>(data);
+        return r->serv_name + std::string(":") + r->service + ":" + std::to_string(r->vrf) + "#" +
+               std::to_string(r->job_handle);
     });
     struct sigaction sigchld;
     sigaction(SIGCHLD, nullptr, &sigchld);
-    result("running " + std::to_string(running_jobs) + ", SIGCHLD " +
-           (sigchld.sa_handler == SIG_DFL   ? "default"
-            : sigchld.sa_handler == SIG_IGN ? "ignored"
-                                            : "the host's"));
+    const bool is_default = sigchld.sa_handler == SIG_DFL, is_ignored = sigchld.sa_handler == SIG_IGN;
+    result("running %d, SIGCHLD %s", running_jobs,
+           is_default   ? "default"
+           : is_ignored ? "ignored"
+                        : "the host's");
 }
 
-static void show_record(const std::vector<unsigned char> &bytes)
+static void show_handed_back()
 {
-    server_spawnlet_data_t found = {};
-    memcpy(&found, bytes.data(), std::min(bytes.size(), sizeof found));
-    std::ostringstream text;
-    text << "key " << found.serv_id << " name " << found.serv_name << " service " << found.service << " vrf "
-         << found.vrf << " family " << found.hints.ai_family << " status " << found.status << " stamp "
-         << found.timestamp << " entries " << found.num_entries;
-    for (int i = 0; i < found.num_entries; i++) {
-        char ipv4[INET_ADDRSTRLEN], ipv6[INET6_ADDRSTRLEN];
-        inet_ntop(AF_INET, &found.addr[i][4], ipv4, sizeof ipv4);
-        inet_ntop(AF_INET6, &found.addr6[i][8], ipv6, sizeof ipv6);
-        text << "; " << found.ai_hdr[i].ai_family << " " << found.ai_hdr[i].ai_addrlen << " " << ipv4 << " "
-             << ipv6 << " \"" << found.canonname[i] << "\"";
-    }
-    result(text.str());
+    server_spawnlet_data_t r = {};
+    memcpy(&r, fake.handed_back.data(), std::min(fake.handed_back.size(), sizeof r));
+    std::string entries;
+    for (int i = 0; i < r.num_entries; i++)
+        entries += "; " + std::to_string(r.ai_hdr[i].ai_family) + " " +
+                   std::to_string(r.ai_hdr[i].ai_addrlen) + " " + address_text(AF_INET, r.addr[i]) + " " +
+                   address_text(AF_INET6, r.addr6[i]) + " \"" + r.canonname[i] + "\"";
+    result("key %s name %s service %s vrf %d family %d status %d stamp %d entries %d%s", r.serv_id,
+           r.serv_name, r.service, r.vrf, r.hints.ai_family, r.status, r.timestamp, r.num_entries,
+           entries.c_str());
 }
 
 /* Commands */
 
 static void set(const words &w)
 {
-    static const std::map<std::string, long *> of_world = {{"history", &fake.history},
+    static const std::map<std::string, long *> switches = {{"history", &fake.history},
                                                            {"debug", &fake.debug},
                                                            {"marker", &fake.marker},
                                                            {"fopen_fails", &fake.fopen_fails},
@@ -168,40 +166,39 @@ static void set(const words &w)
                                                            {"now", &fake.now},
                                                            {"register_result", &fake.register_result},
                                                            {"failing_malloc", &fake.failing_malloc}};
-    static const std::map<std::string, int32_t *> of_library = {{"running_jobs", &running_jobs}};
-    if (of_world.count(w[1]) != 0)
-        *of_world.at(w[1]) = std::stol(w[2]);
+    if (w[1] == "running_jobs")
+        running_jobs = number(w[2]);
     else
-        *of_library.at(w[1]) = std::stoi(w[2]);
+        *switches.at(w[1]) = number(w[2]);
 }
+
+#define FIELD(name)                                                                                          \
+    {                                                                                                        \
+#name,                                                                                               \
+        {                                                                                                    \
+            offsetof(server_spawnlet_data_t, name), sizeof record.name                                       \
+        }                                                                                                    \
+    }
 
 static void set_field(const words &w)
 {
+    static const std::map<std::string, std::pair<size_t, size_t>> fields = {
+        FIELD(serv_id),      FIELD(serv_name),       FIELD(service),
+        FIELD(canonname[0]), FIELD(num_entries),     FIELD(status),
+        FIELD(timestamp),    FIELD(hints.ai_family), FIELD(ai_hdr[0].ai_addrlen),
+        FIELD(addr[0][0])};
+    const auto [offset, size] = fields.at(w[1]);
     const std::string text = expand(w[2]);
-    const std::map<std::string, std::pair<char *, size_t>> texts = {
-        {"serv_id", {record.serv_id, sizeof record.serv_id}},
-        {"serv_name", {record.serv_name, sizeof record.serv_name}},
-        {"service", {record.service, sizeof record.service}},
-        {"canonname", {record.canonname[0], sizeof record.canonname[0]}},
-        {"addr6", {reinterpret_cast<char *>(record.addr6[0]), 32}}};
-    const std::map<std::string, int32_t *> numbers = {{"num_entries", &record.num_entries},
-                                                      {"status", &record.status},
-                                                      {"stamp", &record.timestamp},
-                                                      {"family", &record.ai_hdr[0].ai_family},
-                                                      {"hints_family", &record.hints.ai_family}};
-    if (w[1] == "addrlen")
-        record.ai_hdr[0].ai_addrlen = static_cast<uint32_t>(std::stoul(w[2]));
-    else if (w[1] == "sa_family")
-        record.addr[0][0] = static_cast<uint8_t>(std::stoi(w[2]));
-    else if (numbers.count(w[1]) != 0)
-        *numbers.at(w[1]) = std::stoi(w[2]);
-    else
-        memcpy(texts.at(w[1]).first, text.c_str(), std::min(text.size() + 1, texts.at(w[1]).second));
+    const bool is_number = size <= 4;
+    const long value = is_number ? std::stol(w[2]) : 0;
+    memcpy(reinterpret_cast<char *>(&record) + offset,
+           is_number ? reinterpret_cast<const char *>(&value) : text.c_str(),
+           is_number ? size : std::min(text.size() + 1, size));
 }
 
 static void make_record(const words &w)
 {
-    record = a_record(w[1], std::stoi(w[2]), std::stoi(w[3]), {w.begin() + 4, w.end()});
+    record = a_record(w[1], number(w[2]), number(w[3]), {w.begin() + 4, w.end()});
     record.timestamp = 1000;
 }
 
@@ -216,7 +213,7 @@ static void make_answer(const words &w)
 /* So many records host0, host1, ... like the current one. */
 static void fill_cache(const words &w)
 {
-    for (int i = 0; i < std::stoi(w[1]); i++) {
+    for (int i = 0; i < number(w[1]); i++) {
         server_spawnlet_data_t *copy = on_heap(record);
         snprintf(copy->serv_id, sizeof copy->serv_id, "host%d", i);
         local_cache = g_list_prepend(local_cache, copy);
@@ -226,7 +223,7 @@ static void fill_cache(const words &w)
 static void add_job(const words &w)
 {
     server_addr_info job;
-    server_addr_init(w[1].c_str(), w[2].c_str(), nullptr, std::stoi(w[3]), &job);
+    server_addr_init(w[1].c_str(), w[2].c_str(), nullptr, number(w[3]), &job);
     job.job_handle = static_cast<uint32_t>(std::stoul(w[4]));
     job_list = g_list_prepend(job_list, on_heap(job));
     running_jobs++;
@@ -234,7 +231,7 @@ static void add_job(const words &w)
 
 static void prepend_job(const words &w)
 {
-    job_list = g_list_check_and_prepend(&job_list, on_heap(server_addr_info{}), std::stoi(w[1]));
+    job_list = g_list_check_and_prepend(&job_list, on_heap(server_addr_info{}), number(w[1]));
 }
 
 static void look_up(const words &w)
@@ -242,21 +239,18 @@ static void look_up(const words &w)
     const struct addrinfo hints = {.ai_family = AF_INET6};
     struct addrinfo *chain = w.size() > 4 ? &stale : nullptr;
     const int rc = getaddrinfo_async_mq3(text_of(w[1]), text_of(w[2]), w[3] == "NULL" ? nullptr : &hints,
-                                         w[3] == "NULL" ? 0 : std::stoi(w[3]), &chain);
+                                         w[3] == "NULL" ? 0 : number(w[3]), &chain);
     show_chain(rc, chain);
 }
 
 static void complete(const words &w)
 {
-    std::vector<unsigned char> buffer(sizeof record);
-    memcpy(buffer.data(), &record, sizeof record);
-    const bool null_buffer = w.size() > 4 && w[4] == "NULL";
-    const uint32_t size =
-        w.size() > 4 && !null_buffer ? static_cast<uint32_t>(std::stoul(w[4])) : sizeof record;
-    buffer.resize(size);
-    dnscache_spawnletcb_job_done(static_cast<uint32_t>(std::stoul(w[1])),
-                                 static_cast<uint32_t>(std::stoul(w[2])),
-                                 null_buffer ? nullptr : buffer.data(), size, std::stoi(w[3]));
+    const bool is_null = w.size() > 4 && w[4] == "NULL";
+    std::vector<unsigned char> buffer(w.size() > 4 && !is_null ? std::stoul(w[4]) : sizeof record);
+    memcpy(buffer.data(), &record, std::min(buffer.size(), sizeof record));
+    dnscache_spawnletcb_job_done(static_cast<uint32_t>(number(w[1])), static_cast<uint32_t>(number(w[2])),
+                                 is_null ? nullptr : buffer.data(), static_cast<uint32_t>(buffer.size()),
+                                 number(w[3]));
 }
 
 static void check_cache(const words &w)
@@ -267,11 +261,13 @@ static void check_cache(const words &w)
     show_chain(rc, chain);
 }
 
+/* Writes the record over before the chain is read: a chain owns all it points to. */
 static void decode(const words &w)
 {
     struct addrinfo *chain = &stale;
     const int rc = get_res_back(w.size() > 1 ? nullptr : &record, &chain);
-    show_chain(rc, chain, true);
+    memset(&record, 0xee, sizeof record);
+    show_chain(rc, chain);
 }
 
 /* The resolver's answer, a chain such as the C library makes: resolver ADDRESS[/LENGTH][/NAME]... */
@@ -298,27 +294,27 @@ static void run_job(const words &w)
 {
     const struct addrinfo hints = {.ai_family = AF_INET6};
     server_addr_info request;
-    server_addr_init(w[1].c_str(), w[2].c_str(), &hints, std::stoi(w[3]), &request);
-    result(std::to_string(resolve_server_hostname(&request)));
+    server_addr_init(w[1].c_str(), w[2].c_str(), &hints, number(w[3]), &request);
+    result("%d", resolve_server_hostname(&request));
     if (!fake.handed_back.empty())
-        show_record(fake.handed_back);
+        show_handed_back();
 }
 
 static void wait_for_child(const words &w)
 {
     for (size_t i = 2; i < w.size(); i++)
         fake.waitpid_results.insert(fake.waitpid_results.end(),
-                                    w[i].find('*') == 1 ? std::stoul(w[i].substr(2)) : 1, std::stoi(w[i]));
-    dnscache_wait_for_child(std::stoi(w[1]));
-    result(std::to_string(fake.waits) + " polls, " + std::to_string(fake.sleeps) + " sleeps");
+                                    w[i][1] == '*' ? std::stoul(w[i].substr(2)) : 1, number(w[i]));
+    dnscache_wait_for_child(number(w[1]));
+    result("%d polls, %d sleeps", fake.waits, fake.sleeps);
 }
 
 static void find_address(const words &w)
 {
     struct sockaddr sa = {};
-    sa.sa_family = static_cast<sa_family_t>(w[1] == "NULL" ? 0 : std::stoi(w[1]));
+    sa.sa_family = static_cast<sa_family_t>(w[1] == "NULL" ? 0 : number(w[1]));
     const auto *address = static_cast<const char *>(get_sock_in_addr(w[1] == "NULL" ? nullptr : &sa));
-    result(address == nullptr ? "NULL" : std::to_string(address - reinterpret_cast<char *>(&sa)));
+    result("%ld", address == nullptr ? -1L : static_cast<long>(address - reinterpret_cast<char *>(&sa)));
 }
 
 static void display_address(const words &)
@@ -332,11 +328,10 @@ static void display_address(const words &)
 
 static void show_key(const words &w)
 {
-    const std::string host = expand(w[1]);
     char out[512];
     memset(out, 'x', sizeof out);
-    result(create_hostcache_id(host.c_str(), std::stoi(w[2]), std::stol(w[3]), out));
-    result(std::string(out, sizeof out));
+    result("%s", create_hostcache_id(expand(w[1]).c_str(), number(w[2]), number(w[3]), out));
+    fake.log.push_back("= " + std::string(out, sizeof out));
 }
 
 static void fill_request(const words &w)
@@ -349,46 +344,48 @@ static void fill_request(const words &w)
     memset(&request, 'x', sizeof request);
     const bool with_hints = w.size() > 4;
     const int rc = server_addr_init(text_of(host), text_of(service), with_hints ? &hints : nullptr,
-                                    std::stoi(w[3]), &request);
+                                    number(w[3]), &request);
     dnscache_addrinfo_image expected = {1, 10, 2, 17, 5, 0, 0, 0};
     if (sizeof hints == sizeof expected)
         memcpy(&expected, &hints, sizeof expected);
     EXPECT_EQ(memcmp(&request.hints, &expected, sizeof expected) == 0, with_hints);
     const auto *bytes = reinterpret_cast<const char *>(&request);
-    const std::string text(bytes, offsetof(server_addr_info, hints));
-    result(std::to_string(rc) + " " + text + " family " + std::to_string(request.hints.ai_family) + " vrf " +
-           std::to_string(request.vrf));
+    fake.log.push_back("= " + std::to_string(rc) + " " +
+                       std::string(bytes, offsetof(server_addr_info, hints)));
+    result("family %d vrf %d", request.hints.ai_family, request.vrf);
 }
 
 static void play_command(const words &w);
 
-/* The command with its k-th malloc() failing, for each k until none fails: whatever it returns, nothing else
- * changed. */
+/* The command with its k-th malloc() failing, for each k until none fails: whatever it returns, nothing else changed. */
 static void sweep(const words &w)
 {
-    for (int k = 1;; k++) {
-        const auto blocks = fake.blocks;
-        const GList *cache = local_cache, *jobs = job_list;
-        const int32_t running = running_jobs;
+    const auto state = [] { return std::tuple(fake.blocks, local_cache, job_list, running_jobs); };
+    for (int k = 1; k > 0; k++) {
+        const auto before = state();
         fake.failing_malloc = k;
-        const size_t before = fake.log.size();
         play_command({w.begin() + 1, w.end()});
-        const bool failed = fake.failing_malloc == 0;
+        if (fake.failing_malloc > 0)
+            k = -1; /* untouched: the last */
         fake.failing_malloc = 0;
-        const bool unchanged =
-            blocks == fake.blocks && cache == local_cache && jobs == job_list && running == running_jobs;
+        fake.log.push_back(k < 0 ? "= untouched" : state() == before ? "= all as before" : "= STATE CHANGED");
         std::erase_if(fake.log, [](const std::string &line) { return line[0] != '='; });
-        if (fake.log.size() == before)
-            result("no result");
-        fake.log.back() += failed ? unchanged ? ", all as before" : ", STATE CHANGED" : ", untouched";
-        if (!failed)
-            return;
     }
 }
 
+static void prepend_null(const words &)
+{
+    result("%s", g_list_check_and_prepend(nullptr, &record, 1) == nullptr ? "NULL" : "a list");
+    result("%s", g_list_check_and_prepend(&job_list, nullptr, 1) == job_list ? "same list" : "another list");
+}
+
+static void show_settings(const words &)
+{
+    result("blocking %d, cache %d, queue %u, initialised %d", blocking_timeout, cache_timeout, async_queue,
+           cache_initialised);
+}
+
 static const std::map<std::string, std::function<void(const words &)>> commands = {
-    {"sweep", sweep},
-    {"request", fill_request},
     {"set", set},
     {"field", set_field},
     {"record", make_record},
@@ -399,12 +396,14 @@ static const std::map<std::string, std::function<void(const words &)>> commands 
     {"answer", make_answer},
     {"resolver", script_resolver},
     {"handler", [](const words &) { signal(SIGCHLD, [](int) {}); }},
-    {"state", [](const words &) { show_state(); }},
+    {"state", show_state},
+    {"sweep", sweep},
+    {"request", fill_request},
+    {"key", show_key},
     {"lookup", look_up},
     {"add",
      [](const words &w) {
-         result(std::to_string(
-             add_entry_to_dns_cache(text_of(w[1]), std::stoi(w[2]), std::stoi(w[3]), nullptr)));
+         result("%d", add_entry_to_dns_cache(text_of(w[1]), number(w[2]), number(w[3]), nullptr));
      }},
     {"complete", complete},
     {"check", check_cache},
@@ -413,39 +412,22 @@ static const std::map<std::string, std::function<void(const words &)>> commands 
     {"purge", [](const words &) { remove_old_entries_from_local_cache(); }},
     {"remove", [](const words &w) { remove_entry_from_dns_cache(text_of(expand(w[1]))); }},
     {"prepend", prepend_job},
-    {"prepend-null",
-     [](const words &) {
-         result(g_list_check_and_prepend(nullptr, &record, 1) == nullptr ? "NULL" : "a list");
-         result(g_list_check_and_prepend(&job_list, nullptr, 1) == job_list ? "same list" : "another list");
-     }},
+    {"prepend-null", prepend_null},
     {"resolve", run_job},
     {"display", [](const words &) { server_spawnlet_data_display(&record); }},
     {"display-null", [](const words &) { display_ip_addrs(nullptr); }},
     {"sockaddr", display_address},
     {"in_addr", find_address},
-    {"key", show_key},
-    {"init",
-     [](const words &w) { dns_cache_init(static_cast<uint32_t>(std::stoul(w[1])), std::stoi(w[2])); }},
-    {"settings",
-     [](const words &) {
-         result("blocking " + std::to_string(blocking_timeout) + ", cache " + std::to_string(cache_timeout) +
-                ", queue " + std::to_string(async_queue) + ", initialised " +
-                std::to_string(cache_initialised));
-     }},
-    {"lifetime", [](const words &w) { dns_cache_set_timeout(std::stoi(w[1])); }},
+    {"init", [](const words &w) { dns_cache_init(static_cast<uint32_t>(number(w[1])), number(w[2])); }},
+    {"settings", show_settings},
+    {"lifetime", [](const words &w) { dns_cache_set_timeout(number(w[1])); }},
     {"wait", wait_for_child},
     {"trace",
      [](const words &w) { dnscache_trace("somebody", 120, "two  blanks %d %s\n", 7, expand(w[1]).c_str()); }},
     {"trace-zero", [](const words &) { dnscache_trace("somebody", 120, "ab%cd", 0); }},
-    {"trace-entry-exit",
-     [](const words &) {
-         dnscache_trace_enter("somebody", 1);
-         dnscache_trace_exit("somebody", 2);
-     }},
-    {"log",
-     [](const words &) {
-         result((log_file != nullptr ? "open \"" : "closed \"") + std::string(file_name) + "\"");
-     }},
+    {"trace-entry", [](const words &) { dnscache_trace_enter("somebody", 1); }},
+    {"trace-exit", [](const words &) { dnscache_trace_exit("somebody", 2); }},
+    {"log", [](const words &) { result("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name); }},
 };
 
 static void play_command(const words &w)
