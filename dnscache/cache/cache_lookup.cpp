@@ -14,8 +14,7 @@ static bool is_candidate(const server_spawnlet_data_t *record, const char *key)
            strncmp(record->serv_id, key, sizeof record->serv_id - 1) == 0;
 }
 
-/* Two of these end the search: a record without entries too, since an older one must not answer for a newer
- * one. */
+/* The first two end the search: an older record must not answer for a newer one that has no entries. */
 enum verdict { FOUND, UNUSABLE, PARTIAL };
 
 static verdict judge(int rc, const struct addrinfo *chain)

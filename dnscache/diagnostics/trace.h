@@ -22,8 +22,7 @@
 constexpr int DNSCACHE_TRACE_CLASS = 0x730000;
 constexpr int DNSCACHE_TRACE_FLAG = 101; /* history subtype and debug flag alike */
 
-/* The sinks, each with its condition, but for B: its print takes the arguments themselves, not a list of
- * them. */
+/* The sinks, each with its condition, but for B: its print takes the arguments themselves, not a list of them. */
 [[gnu::format(printf, 1, 2)]] void trace_to_history(const char *format, ...);
 bool trace_debug_is_on();
 [[gnu::format(printf, 3, 4)]] void trace_to_log_file(const char *function, int line, const char *format, ...);

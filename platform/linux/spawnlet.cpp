@@ -1,9 +1,9 @@
 /*
  * spawnlet.cpp: the calls of the job service, its codes and their texts, and the fork.
  *
- * A job is over when its child's result has been read, not when the child has exited: for a parent with much memory that
- * exit takes as long as the fork did. The child is reaped later, through its pidfd, and nobody minds if somebody else
- * has collected it.
+ * A job is over when its child's result has been read, not when the child has exited: for a parent with much memory
+ * that exit takes as long as the fork did. The child is reaped later, through its pidfd, and nobody minds if somebody
+ * else has collected it.
  */
 #include "platform/spawnlet.h"
 

@@ -54,8 +54,7 @@ int above_streams(int fd);
 /*
  * free_slot: a slot for a new job, after a look at who has left.
  *
- * deadline_ns  until when to wait for a child that leaves, since with a large parent they can leave more slowly than new
- *              ones start; 0 not to wait
+ * deadline_ns  until when to wait for a child that leaves; 0 not to wait
  */
 job *free_slot(int64_t deadline_ns);
 
