@@ -190,7 +190,7 @@ static void set_field(const words &w)
     const auto [offset, size] = fields.at(w[1]);
     const std::string text = expand(w[2]);
     const bool is_number = size <= 4;
-    const long value = is_number ? std::stol(w[2]) : 0;
+    const int64_t value = is_number ? std::stoll(w[2]) : 0;
     memcpy(reinterpret_cast<char *>(&record) + offset,
            is_number ? reinterpret_cast<const char *>(&value) : text.c_str(),
            is_number ? size : std::min(text.size() + 1, size));
