@@ -281,6 +281,8 @@ int get_list_length(struct addrinfo *ai);
  *
  *  0       *res is the whole chain, which the caller releases with freeaddrinfo(). It owns its addresses
  * -1       no record or no entries: *res is NULL. Out of memory: *res is the chain so far, to be released
+ *
+ * A negative count, which no record in the cache has, decodes to 0 and NULL.
  */
 int get_res_back(server_spawnlet_data_t *record, struct addrinfo **res);
 

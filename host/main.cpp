@@ -19,6 +19,7 @@ struct session {
     struct lookup_options options;
     struct job_waiter waiter;
     enum wait_mode wait;
+    bool notice;
     FILE *answers;
     enum exit_code worst;
 };
@@ -55,7 +56,7 @@ static bool flush_answers(struct session *run)
 static bool answer(struct session *run, const struct lookup_request *request)
 {
     for (int32_t i = 0; i < run->options.times; i++) {
-        struct lookup_outcome outcome = resolve(&run->waiter, request, run->wait);
+        struct lookup_outcome outcome = resolve(&run->waiter, request, run->wait, run->notice);
         if (run->options.json)
             print_json(run->answers, request, &outcome);
         else
@@ -129,8 +130,8 @@ static void answer_all(struct session *run)
         return;
     }
     /* A trace on the same terminal says enough, and would be garbled by a line that comes and goes. */
-    const bool notice = !run->options.verbose && isatty(STDERR_FILENO);
-    run->wait = run->options.no_wait ? WAIT_NOT : notice ? WAIT_WITH_NOTICE : WAIT_SILENTLY;
+    run->notice = !run->options.verbose && isatty(STDERR_FILENO);
+    run->wait = run->options.no_wait ? WAIT_NOT : WAIT_FOR_JOB;
     if (run->options.hosts != nullptr)
         answer_hosts(run);
     else

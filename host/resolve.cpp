@@ -94,18 +94,12 @@ static uint32_t call_library(const struct lookup_request *request, struct lookup
     return 0;
 }
 
-static void wait_for_job(struct job_waiter *waiter, uint32_t handle, const char *host, bool notice)
+static void wait_for_job(struct job_waiter *waiter, uint32_t handle)
 {
     if (waiter->broken)
         return;
-    /* Short enough for one row of a terminal: erasing does not reach the row above. */
-    g_autofree char *shown = printable_name(host);
-    if (notice)
-        fprintf(stderr, "dnscache-lookup: waiting for %s", shown);
     waiter->awaited = handle;
     g_main_loop_run(waiter->loop);
-    if (notice)
-        fputs(ERASE_LINE, stderr);
 }
 
 static void finish_in_background(struct job_waiter *waiter, const struct lookup_request *request,
@@ -128,19 +122,30 @@ static void finish_in_background(struct job_waiter *waiter, const struct lookup_
         outcome->source = SOURCE_BACKGROUND;
 }
 
+static void show_wait(const char *host)
+{
+    /* Short enough for one row of a terminal: erasing does not reach the row above. */
+    g_autofree char *shown = printable_name(host);
+    fprintf(stderr, "dnscache-lookup: waiting for %s", shown);
+}
+
 struct lookup_outcome resolve(struct job_waiter *waiter, const struct lookup_request *request,
-                              enum wait_mode mode)
+                              enum wait_mode mode, bool notice)
 {
     struct lookup_outcome outcome = {};
     take_completions(waiter);
     refresh_dns_cache(); /* a lookup never looks at age: the pass is what enforces the lifetime */
 
+    if (notice)
+        show_wait(request->host);
     const int64_t start = g_get_monotonic_time();
     const uint32_t handle = call_library(request, &outcome);
-    if (handle != 0 && mode != WAIT_NOT) {
-        wait_for_job(waiter, handle, request->host, mode == WAIT_WITH_NOTICE);
+    if (handle != 0 && mode == WAIT_FOR_JOB) {
+        wait_for_job(waiter, handle);
         finish_in_background(waiter, request, &outcome);
     }
     outcome.elapsed_us = g_get_monotonic_time() - start;
+    if (notice)
+        fputs(ERASE_LINE, stderr);
     return outcome;
 }

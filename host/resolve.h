@@ -51,14 +51,14 @@ struct lookup_outcome {
  */
 bool job_waiter_open(struct job_waiter *waiter, int32_t timeout_secs, int32_t lifetime_secs);
 
-enum wait_mode : int {
-    WAIT_NOT,
-    WAIT_SILENTLY,
-    WAIT_WITH_NOTICE, /* a line on the terminal while it lasts */
-};
+enum wait_mode : int { WAIT_NOT, WAIT_FOR_JOB };
 
-/* resolve: look one name up. Everything in *request has been checked. */
+/*
+ * resolve: look one name up. Everything in *request has been checked.
+ *
+ * notice  a line on the terminal while it lasts: any lookup may take as long as the blocking time-out
+ */
 struct lookup_outcome resolve(struct job_waiter *waiter, const struct lookup_request *request,
-                              enum wait_mode mode);
+                              enum wait_mode mode, bool notice);
 
 #endif

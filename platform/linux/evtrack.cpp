@@ -118,7 +118,10 @@ int evtrack_chk_int(int, int, int, int)
     return debug_is_on ? 1 : 0;
 }
 
-/* One write for one line, and none where it would have to wait: a daemon must not hang on its debug channel. */
+/*
+ * One write for one line, and none where it would have to wait or nobody would read it: a daemon must not hang on its
+ * debug channel, nor end by SIGPIPE.
+ */
 int dbgemit(int, const void *modname, int, const char *format, ...)
 {
     const int error = errno;
@@ -133,7 +136,8 @@ int dbgemit(int, const void *modname, int, const char *format, ...)
     if (line[length - 1] != '\n')
         line[length++] = '\n';
     struct pollfd channel = {.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
-    const ssize_t written = poll(&channel, 1, 0) == 1 ? write(STDERR_FILENO, line, length) : 0;
+    const bool has_reader_and_room = poll(&channel, 1, 0) == 1 && channel.revents == POLLOUT;
+    const ssize_t written = has_reader_and_room ? write(STDERR_FILENO, line, length) : 0;
     errno = error;
     return static_cast<int>(written);
 }

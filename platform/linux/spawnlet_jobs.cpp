@@ -115,16 +115,25 @@ void jobs_reap()
     }
 }
 
-/* Children can leave more slowly than new ones start, when their parent is large. */
-static void wait_for_leaver(int64_t deadline_ns)
+/*
+ * Children can leave more slowly than new ones start, when their parent is large. Waits until one has left or has to be
+ * made to leave. false: none is leaving.
+ */
+static bool wait_for_leaver(int64_t deadline_ns)
 {
     struct pollfd leaving[LINUX_JOBS_MAX];
     nfds_t count = 0;
-    for (const job &job : jobs)
-        if (job.state == JOB_LEAVING)
-            leaving[count++] = {.fd = job.pidfd, .events = POLLIN, .revents = 0};
-    if (count > 0 && poll(leaving, count, ms_until(deadline_ns)) > 0)
-        jobs_reap();
+    const int64_t now_ns = monotonic_ns();
+    for (const job &job : jobs) {
+        if (job.state != JOB_LEAVING)
+            continue;
+        leaving[count++] = {.fd = job.pidfd, .events = POLLIN, .revents = 0};
+        if (job.deadline_ns > now_ns && job.deadline_ns < deadline_ns)
+            deadline_ns = job.deadline_ns;
+    }
+    if (count > 0)
+        poll(leaving, count, ms_until(deadline_ns));
+    return count > 0;
 }
 
 static job *find_free_slot()
@@ -137,10 +146,10 @@ static job *find_free_slot()
 
 job *free_slot(int64_t deadline_ns)
 {
-    jobs_reap();
-    job *slot = find_free_slot();
-    if (slot != nullptr || deadline_ns == 0)
-        return slot;
-    wait_for_leaver(deadline_ns);
-    return find_free_slot();
+    for (;;) {
+        jobs_reap();
+        job *slot = find_free_slot();
+        if (slot != nullptr || monotonic_ns() >= deadline_ns || !wait_for_leaver(deadline_ns))
+            return slot;
+    }
 }

@@ -164,19 +164,23 @@ static int write_text(void *out)
     return 0;
 }
 
-TEST(Spawnlet, TextComesOutOnceAndBeforeTheAnswer)
+TEST(Spawnlet, TextComesOutOnceThoughTheHostEndsWithTheAnswer)
 {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0); /* what is not there yet is missing */
     FILE *out = fdopen(ends[1], "w");
-    fputs("parent ", out);
-    EXPECT_EQ(run_job(write_text, out, 20, nullptr, out, out).code, 0u);
-    fflush(out);
-    char text[100] = "";
-    EXPECT_GT(read(ends[0], text, sizeof text - 1), 0);
-    EXPECT_EQ(strlen(text), strlen("parent stream stdout stderr ")) << text;
-    for (const char *word : {"parent ", "stream ", "stdout ", "stderr "})
-        EXPECT_NE(strstr(text, word), nullptr) << text;
+    for (int i = 0; i < 30; i++) {
+        EXPECT_TRUE(in_its_own_process([out] {
+            fputs("parent ", out);
+            const bool right = run_job(write_text, out, 20, nullptr, out, out).code == 0;
+            return fflush(out) == 0 && right;
+        }));
+        char text[100] = "";
+        EXPECT_GT(read(ends[0], text, sizeof text - 1), 0);
+        EXPECT_EQ(strlen(text), strlen("parent stream stdout stderr ")) << text;
+        for (const char *word : {"parent ", "stream ", "stdout ", "stderr "})
+            EXPECT_NE(strstr(text, word), nullptr) << text;
+    }
 }
 
 TEST(Spawnlet, AReaderWhoStoppedReadingHoldsNothingUp)
@@ -189,7 +193,9 @@ TEST(Spawnlet, AReaderWhoStoppedReadingHoldsNothingUp)
     fcntl(ends[1], F_SETFL, 0);
     FILE *out = fdopen(ends[1], "w");
     const auto write_buffered = [](void *) { return fputs("stdout", stdout) < 0 ? 1 : 0; };
-    EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
+    for (int i = 0; i <= LINUX_JOBS_MAX;
+         i++) /* the last one gets its place when the first has been made to leave */
+        EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
     EXPECT_TRUE(leaves_nothing_behind(before));
     close(ends[0]); /* nor does one who has gone */
     EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);

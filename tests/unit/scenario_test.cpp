@@ -1,9 +1,8 @@
 /*
- * scenario_test.cpp: plays the scenarios beside it. Each *.scenario file is named like the source file that
- * it tests, and holds sections: a title after "##", commands after "> ", and below each what the library then
- * does, line by line: trace messages by sink, calls of the platform, results after "=". Source lines and
- * addresses read
- * "#", more than twenty equal characters "x*600", bytes that cannot be printed "\x00"; equal lines are counted.
+ * scenario_test.cpp: plays the scenarios beside it. Each *.scenario file is named like the source file that it tests,
+ * and holds sections: a title after "##", commands after "> ", and below each what the library then does, line by line:
+ * trace messages by sink, calls of the platform, results after "=". Source lines and addresses read "#", more than
+ * twenty equal characters "x*600", and bytes that cannot be printed "\x00"; equal lines are counted.
  */
 #include <arpa/inet.h>
 #include <errno.h>
