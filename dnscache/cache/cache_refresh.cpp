@@ -112,8 +112,7 @@ static void expire(server_spawnlet_data_t *record)
         return;
     record->status = ENTRY_INVALID;
     TRACE_AS(pass, "Timer Expired . Marking it as INVALID\n");
-    /* Marked before: the record itself must not count as the cache's answer. A start that fails is not
-     * retried. */
+    /* Marked before, or the record itself would count as the cache's answer. */
     resolve_anew(record);
 }
 
