@@ -21,6 +21,7 @@
 #ifndef PLATFORM_LINUX_LINUX_PLATFORM_H
 #define PLATFORM_LINUX_LINUX_PLATFORM_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -94,6 +95,9 @@ typedef struct {
     unsigned char record[LINUX_HISTORY_BYTES];
 } linux_history_record;
 
+/* The class of records that this platform writes itself: subtype 0, and why a job could not be bound to its VRF. */
+#define LINUX_HISTORY_VRF_PROBLEM 0x56524600
+
 /* linux_history_enable: switch recording on or off; what was recorded stays. 0, or -1 with errno. */
 int linux_history_enable(int on);
 
@@ -108,6 +112,35 @@ int linux_history_read(uint64_t *cursor, linux_history_record *record);
 
 /* linux_debug_enable: switch the debug print to standard error on or off, for every flag. Off at start. */
 void linux_debug_enable(int on);
+
+/*
+ * VRFs. VRF 0 is where the host runs. VRF N is the network namespace vrfN or, where there is none, the device vrfN of
+ * the host's own namespace; its own resolver files, if it has any, lie over those of the same name in /etc.
+ */
+
+#define LINUX_VRF_NAMESPACES "/run/netns" /* has vrfN */
+#define LINUX_VRF_FILES "/etc/netns"      /* has the folder vrfN */
+
+typedef enum {
+    LINUX_VRF_HOST,
+    LINUX_VRF_NAMESPACE,
+    LINUX_VRF_DEVICE,
+    LINUX_VRF_UNUSABLE, /* what stands where a namespace should is none: no job can be bound to it */
+} linux_vrf_kind;
+
+typedef struct {
+    int32_t vrf;
+    linux_vrf_kind kind;
+} linux_vrf;
+
+/*
+ * linux_vrf_list: the VRFs of this machine, by number, VRF 0 first.
+ *
+ * count   out: how many there are
+ *
+ * Returns them in a block that the caller releases with free(); NULL with errno.
+ */
+linux_vrf *linux_vrf_list(size_t *count);
 
 /* linux_partition_set: the device partition number, 0 at start. */
 void linux_partition_set(uint32_t partition);

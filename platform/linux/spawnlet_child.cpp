@@ -23,6 +23,7 @@
 
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/spawnlet_jobs.h"
+#include "platform/linux/vrf_binding.h"
 
 /* The channel to the parent; -1 in every process that is not the child of a job. */
 static int child_channel = -1;
@@ -186,6 +187,11 @@ int spawnlet_done(const void *buffer, uint32_t size)
     if (!in_job_child() || (buffer == nullptr && size > 0)) {
         errno = EINVAL;
         return -1;
+    }
+    /* A file of the host that is replaced takes away what lay over it. Better no answer than one by that file. */
+    if (!vrf_files_are_in_place()) {
+        fputs("a resolver file was taken away while the job ran\n", stderr);
+        _exit(EXIT_FAILURE);
     }
     if (size > LINUX_HANDBACK_MAX) {
         /* The size alone tells the parent why there is no answer. */

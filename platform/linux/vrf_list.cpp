@@ -1,0 +1,102 @@
+/*
+ * vrf_list.cpp: which VRFs this machine has.
+ */
+#include <dirent.h>
+#include <errno.h>
+#include <linux/magic.h>
+#include <net/if.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/vfs.h>
+
+#include "platform/linux/linux_platform.h"
+#include "platform/linux/vrf_binding.h"
+
+struct vrf_table {
+    linux_vrf *vrfs;
+    size_t count;
+    bool is_full; /* no memory for more */
+};
+
+/* The number in "vrfN"; 0 when it is another name, VRF 0 having none. */
+static int32_t number_in(const char *name)
+{
+    char again[VRF_NAME_BYTES + 8];
+    const long long number = strncmp(name, "vrf", 3) == 0 ? strtoll(name + 3, nullptr, 10) : 0;
+    if (number <= 0 || number > INT32_MAX)
+        return 0;
+    snprintf(again, sizeof again, "vrf%lld", number);
+    return strcmp(name, again) == 0 ? static_cast<int32_t>(number) : 0;
+}
+
+/* The first to name a VRF decides its kind. */
+static void add(vrf_table *table, int32_t vrf, linux_vrf_kind kind)
+{
+    for (size_t i = 0; i < table->count; i++)
+        if (table->vrfs[i].vrf == vrf)
+            return;
+    void *larger = realloc(table->vrfs, (table->count + 1) * sizeof *table->vrfs);
+    table->is_full = table->is_full || larger == nullptr;
+    if (larger == nullptr)
+        return;
+    table->vrfs = static_cast<linux_vrf *>(larger);
+    table->vrfs[table->count++] = {.vrf = vrf, .kind = kind};
+}
+
+static linux_vrf_kind kind_of(const char *name)
+{
+    char path[sizeof LINUX_VRF_NAMESPACES "/" + VRF_NAME_BYTES];
+    snprintf(path, sizeof path, LINUX_VRF_NAMESPACES "/%.*s", VRF_NAME_BYTES, name);
+    struct statfs system;
+    const bool is_namespace = statfs(path, &system) == 0 && system.f_type == NSFS_MAGIC;
+    return is_namespace ? LINUX_VRF_NAMESPACE : LINUX_VRF_UNUSABLE;
+}
+
+static bool add_namespaces(vrf_table *table)
+{
+    DIR *names = opendir(LINUX_VRF_NAMESPACES);
+    if (names == nullptr)
+        return errno == ENOENT;
+    while (const struct dirent *entry = readdir(names)) {
+        const int32_t vrf = number_in(entry->d_name);
+        if (vrf != 0)
+            add(table, vrf, kind_of(entry->d_name));
+    }
+    closedir(names);
+    return true;
+}
+
+static bool add_devices(vrf_table *table)
+{
+    struct if_nameindex *devices = if_nameindex();
+    if (devices == nullptr)
+        return false;
+    for (const struct if_nameindex *device = devices; device->if_index != 0; device++) {
+        const int32_t vrf = number_in(device->if_name);
+        if (vrf != 0)
+            add(table, vrf, LINUX_VRF_DEVICE);
+    }
+    if_freenameindex(devices);
+    return true;
+}
+
+static int by_number(const void *left, const void *right)
+{
+    const int32_t a = static_cast<const linux_vrf *>(left)->vrf;
+    const int32_t b = static_cast<const linux_vrf *>(right)->vrf;
+    return a < b ? -1 : a > b;
+}
+
+linux_vrf *linux_vrf_list(size_t *count)
+{
+    vrf_table table = {.vrfs = nullptr, .count = 0, .is_full = false};
+    add(&table, 0, LINUX_VRF_HOST);
+    if (!add_namespaces(&table) || !add_devices(&table) || table.is_full) {
+        free(table.vrfs);
+        return nullptr;
+    }
+    qsort(table.vrfs, table.count, sizeof *table.vrfs, by_number);
+    *count = table.count;
+    return table.vrfs;
+}
