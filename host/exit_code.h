@@ -11,6 +11,7 @@ enum exit_code : int {
     LOOKUP_UNRESOLVED = 2, /* the name has no answer, or is no name at all */
     LOOKUP_UNFINISHED = 3, /* worth trying again */
     LOOKUP_FAILED = 4,     /* anything else */
+    LOOKUP_NO_VRF = 5,     /* a VRF that no job can be bound to */
 };
 
 #endif

@@ -14,6 +14,7 @@
 #include "host/output.h"
 #include "host/resolve.h"
 #include "host/streams.h"
+#include "host/vrfs.h"
 
 struct session {
     struct lookup_options options;
@@ -21,6 +22,7 @@ struct session {
     enum wait_mode wait;
     bool notice;
     FILE *answers;
+    int32_t bound_vrf; /* the last that a job could be bound to */
     enum exit_code worst;
 };
 
@@ -52,9 +54,25 @@ static bool flush_answers(struct session *run)
     return false;
 }
 
+static bool check_vrf(struct session *run, int32_t vrf)
+{
+    if (vrf == 0 || vrf == run->bound_vrf)
+        return true;
+    g_autofree char *problem = explain_vrf(vrf);
+    if (problem == nullptr) {
+        run->bound_vrf = vrf;
+        return true;
+    }
+    fprintf(stderr, "dnscache-lookup: %s\n", problem);
+    note(run, LOOKUP_NO_VRF);
+    return false;
+}
+
 /* False: there is no point in going on. */
 static bool answer(struct session *run, const struct lookup_request *request)
 {
+    if (!check_vrf(run, request->vrf))
+        return true;
     for (int32_t i = 0; i < run->options.times; i++) {
         struct lookup_outcome outcome = resolve(&run->waiter, request, run->wait, run->notice);
         if (run->options.json)
@@ -138,6 +156,14 @@ static void answer_all(struct session *run)
         answer_lines(run);
 }
 
+static void list_vrfs(struct session *run)
+{
+    if (print_vrfs(run->answers, run->options.json ? VRFS_AS_JSON : VRFS_AS_TEXT))
+        flush_answers(run);
+    else
+        report_failure(run, "cannot list the VRFs");
+}
+
 /* Some file systems tell of a full disk only now. */
 static void close_answers(struct session *run)
 {
@@ -163,6 +189,8 @@ int main(int argc, char **argv)
     if (run.options.version) {
         fputs("dnscache-lookup " DNSCACHE_VERSION "\n", run.answers);
         flush_answers(&run);
+    } else if (run.options.vrfs) {
+        list_vrfs(&run);
     } else {
         answer_all(&run);
     }

@@ -25,7 +25,8 @@ static constexpr char DESCRIPTION[] =
     "  1  usage error\n"
     "  2  a name did not resolve, or is no name\n"
     "  3  a lookup is still to be tried again\n"
-    "  4  anything else\n";
+    "  4  anything else\n"
+    "  5  a VRF that is not there, or cannot be used by this user\n";
 
 struct option_texts {
     char *service;
@@ -74,7 +75,9 @@ static bool check_options(const struct option_texts *texts, struct lookup_option
         options->service = texts->service;
     if (!service_is_valid(options->service))
         return usage_error("--service is not a number from 0 to 65535");
-    if (options->hosts == nullptr && !options->version && isatty(STDIN_FILENO))
+    if (options->vrfs && options->hosts != nullptr)
+        return usage_error("--vrfs takes no HOST");
+    if (options->hosts == nullptr && !options->version && !options->vrfs && isatty(STDIN_FILENO))
         return usage_error("no HOST, and standard input is a terminal");
     return true;
 }
@@ -96,6 +99,8 @@ bool parse_options(int argc, char **argv, struct lookup_options *options)
         {"no-wait", 0, 0, G_OPTION_ARG_NONE, &options->no_wait, "Do not wait for background jobs", nullptr},
         {"json", 'j', 0, G_OPTION_ARG_NONE, &options->json, "Print one JSON object a lookup", nullptr},
         {"verbose", 'v', 0, G_OPTION_ARG_NONE, &options->verbose, "Trace to standard error", nullptr},
+        {"vrfs", 0, 0, G_OPTION_ARG_NONE, &options->vrfs,
+         "List the VRFs, their kind and their resolver files", nullptr},
         {"version", 0, 0, G_OPTION_ARG_NONE, &options->version, "Print the version", nullptr},
         {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->hosts, nullptr, "[HOST...]"},
         {},

@@ -16,6 +16,7 @@ struct lookup_options {
     gboolean no_wait;
     gboolean json;
     gboolean verbose;
+    gboolean vrfs;
     gboolean version;
     char **hosts; /* NULL-terminated; NULL when requests come from standard input */
 };

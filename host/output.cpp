@@ -6,7 +6,6 @@
 
 #include <arpa/inet.h>
 #include <glib.h>
-#include <json-glib/json-glib.h>
 #include <netinet/in.h>
 #include <string.h>
 
@@ -144,7 +143,11 @@ void print_json(FILE *out, const struct lookup_request *request, const struct lo
     add_number(json, "elapsed_us", outcome->elapsed_us);
     add_addresses(json, outcome->addresses);
     json_builder_end_object(json);
+    print_json_document(out, json);
+}
 
+void print_json_document(FILE *out, JsonBuilder *json)
+{
     g_autoptr(JsonNode) root = json_builder_get_root(json);
     g_autofree char *line = json_to_string(root, FALSE);
     fprintf(out, "%s\n", line);

@@ -4,6 +4,7 @@
 #ifndef HOST_OUTPUT_H
 #define HOST_OUTPUT_H
 
+#include <json-glib/json-glib.h>
 #include <stdio.h>
 
 #include "host/resolve.h"
@@ -13,6 +14,9 @@ void print_plain(FILE *out, const struct lookup_request *request, const struct l
 
 /* print_json: one object on a line of its own, answered or not. */
 void print_json(FILE *out, const struct lookup_request *request, const struct lookup_outcome *outcome);
+
+/* print_json_document: what has been built, on a line of its own. */
+void print_json_document(FILE *out, JsonBuilder *json);
 
 /* printable_text: a copy, to be freed, with backslash escapes for all that is not printable ASCII. */
 char *printable_text(const char *text);
