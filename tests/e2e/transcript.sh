@@ -1,11 +1,11 @@
 #!/bin/bash
-# transcript.sh TRANSCRIPT PROGRAM RESOLVER: do what a transcript says and compare.
+# transcript.sh TRANSCRIPT PROGRAM [RESOLVER]: do what a transcript says and compare.
 #
 # "$ " begins a command, run by the shell in a fresh folder; below it stand its standard output, its standard error
-# after "! ", and its exit status after "= " unless it is 0. "lookup" is the program, with the scripted resolver
-# preloaded. Times read "#", and bytes that cannot be printed read as cat -v shows them.
+# after "! ", and its exit status after "= " unless it is 0. "lookup" is the program, with a scripted
+# resolver preloaded where one is given. Times read "#", and bytes that cannot be printed read as cat -v shows them.
 set -u
-transcript=$1 program=$2 resolver=$3
+transcript=$1 program=$2 resolver=${3:-}
 export PROGRAM=$program RESOLVER=$resolver
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

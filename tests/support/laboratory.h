@@ -1,0 +1,72 @@
+/*
+ * laboratory.h: for tests that run inside scripts/laboratory, with the C library's own resolver.
+ */
+#ifndef TESTS_SUPPORT_LABORATORY_H
+#define TESTS_SUPPORT_LABORATORY_H
+
+#include <netinet/in.h>
+
+#include <fstream>
+#include <set>
+
+#include "dnscache/dnscache.h"
+#include "dnscache/state.h"
+#include "tests/support/jobs.h"
+
+/* A lookup leaves SIGCHLD ignored, and then no command has an exit status. */
+static inline bool shell(const std::string &command)
+{
+    signal(SIGCHLD, SIG_DFL);
+    return system(command.c_str()) == 0;
+}
+
+static inline std::string text_of(const std::string &path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/* Packets that came out of the wire of a VRF, at the side of its name server. */
+static inline int packets(int vrf)
+{
+    const std::string server = text_of("/run/server" + std::to_string(vrf) + ".pid");
+    const std::string counters = text_of("/proc/" + std::to_string(atoi(server.c_str())) + "/net/dev");
+    int received = -1;
+    const size_t wire = counters.find("wire:");
+    if (wire != std::string::npos)
+        sscanf(counters.c_str() + wire, "wire: %*d %d", &received);
+    return received;
+}
+
+static inline std::string addresses_in(const struct addrinfo *chain)
+{
+    std::set<std::string> found;
+    for (; chain != nullptr; chain = chain->ai_next) {
+        char text[64] = "?";
+        getnameinfo(chain->ai_addr, chain->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+        found.insert(text);
+    }
+    std::string all;
+    for (const std::string &address : found)
+        all += (all.empty() ? "" : " ") + address;
+    return all;
+}
+
+/* The addresses of a name, sorted, or the code in brackets. */
+static inline std::string look_up(const std::string &name, int vrf)
+{
+    struct addrinfo hints = {}, *chain = nullptr;
+    const int result = getaddrinfo_async_mq3(name.c_str(), "123", &hints, vrf, &chain);
+    const std::string found = addresses_in(chain);
+    if (chain != nullptr)
+        freeaddrinfo(chain);
+    return result == 0 ? found : "(" + std::to_string(result) + ")" + found;
+}
+
+static inline void empty_cache()
+{
+    destroy_dns_cache(local_cache);
+    local_cache = nullptr;
+}
+
+#endif
