@@ -74,8 +74,10 @@ static int find_group_folder(const char *group, char *folder, size_t size)
         found = static_cast<size_t>(length) < size && access(folder, F_OK) == 0;
     }
     endmntent(mounts);
+    if (!found)
+        return vrf_failed(ENOENT, "the group \"%s\" on the unified hierarchy", group);
     *strrchr(folder, '/') = '\0';
-    return found ? 0 : vrf_failed(ENOENT, "the group \"%s\" on the unified hierarchy", group);
+    return 0;
 }
 
 /* The group that those of devices lie below. */
