@@ -157,6 +157,18 @@ static void pass_gate(int channel)
         _exit(EXIT_FAILURE);
 }
 
+/*
+ * A file of the host that is replaced takes away what lay over it, and a device may have got another's name. Better no
+ * answer than one of another VRF.
+ */
+static void leave_without_result_if_moved()
+{
+    if (vrf_is_in_place())
+        return;
+    fputs("the VRF's files or its device were replaced while the job ran\n", stderr);
+    _exit(EXIT_FAILURE);
+}
+
 void child_run(const child_plan *plan)
 {
     default_signals();
@@ -174,6 +186,7 @@ void child_run(const child_plan *plan)
     unblock_signals();
 
     const int32_t result = plan->body(plan->arg);
+    leave_without_result_if_moved();
     /* Text first, or a host that ends with the answer takes it along; but no answer waits for a reader of text. */
     flush_own_text(plan, false);
     wire_send(child_channel, FRAME_RESULT, {reinterpret_cast<const unsigned char *>(&result), sizeof result});
@@ -187,11 +200,6 @@ int spawnlet_done(const void *buffer, uint32_t size)
     if (!in_job_child() || (buffer == nullptr && size > 0)) {
         errno = EINVAL;
         return -1;
-    }
-    /* A file of the host that is replaced takes away what lay over it. Better no answer than one by that file. */
-    if (!vrf_files_are_in_place()) {
-        fputs("a resolver file was taken away while the job ran\n", stderr);
-        _exit(EXIT_FAILURE);
     }
     if (size > LINUX_HANDBACK_MAX) {
         /* The size alone tells the parent why there is no answer. */

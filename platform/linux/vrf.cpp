@@ -32,6 +32,10 @@ static struct {
     char text[LINUX_HISTORY_BYTES - sizeof(uint32_t)];
 } problem;
 
+/* Binding is for good: what was entered hides the way back. */
+static constexpr int32_t NO_VRF = -1;
+static int32_t bound_vrf = 0;
+
 /* Linux routes by namespace or device, which a job enters by itself: there is no service to be connected to. */
 int rtctx_api_init(void)
 {
@@ -60,9 +64,8 @@ static int enter_namespace(int fd, const char *path)
 
 static int enter_device(const char *name, const char *missing_namespace)
 {
-    const unsigned index = if_nametoindex(name);
-    if (index != 0)
-        return vrf_join_device(name, index);
+    if (if_nametoindex(name) != 0)
+        return vrf_join_device(name);
     if (errno != ENODEV)
         return vrf_failed(errno, "device %s", name);
     return vrf_failed(errno, "neither a namespace %s nor a device %s", missing_namespace, name);
@@ -90,15 +93,19 @@ static int enter(int32_t vrf)
     char name[VRF_NAME_BYTES];
     if (vrf < 0)
         return vrf_failed(EINVAL, "negative number");
+    if (bound_vrf != 0)
+        return vrf_failed(EBUSY, "bound to VRF %d", bound_vrf);
     snprintf(name, sizeof name, "vrf%d", vrf);
-    const int error = enter_network(name);
-    return error != 0 ? error : vrf_enter_files(name);
+    int error = enter_network(name);
+    if (error == 0)
+        error = vrf_enter_files(name);
+    return error != 0 ? error : vrf_forget_nscd();
 }
 
 static void leave_every_network()
 {
     const struct rlimit streams_only = {3, 3}; /* fewer, and poll() on those would fail */
-    if (setrlimit(RLIMIT_NOFILE, &streams_only) != 0 || vrf_set_name_services("files") != 0)
+    if (vrf_forget_nscd() != 0 || setrlimit(RLIMIT_NOFILE, &streams_only) != 0)
         _exit(EXIT_FAILURE);
     if (unshare(CLONE_NEWNET) == 0)
         return;
@@ -116,13 +123,19 @@ static void report(int32_t vrf)
 
 int nsbind_set_global_context(int32_t vrf)
 {
-    if (vrf == 0)
+    if (vrf >= 0 && vrf == bound_vrf)
         return 0;
     const int error = enter(vrf);
+    bound_vrf = error == 0 ? vrf : NO_VRF;
     if (error == 0)
         return 0;
     report(vrf);
     leave_every_network();
     errno = error;
     return -1;
+}
+
+bool vrf_is_in_place()
+{
+    return bound_vrf <= 0 || (vrf_files_are_in_place() && vrf_device_is_in_place());
 }

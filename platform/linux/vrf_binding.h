@@ -16,7 +16,7 @@ constexpr int VRF_NAME_BYTES = 16;
 int vrf_failed(int error, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 /* vrf_join_device: from now on every new IPv4 and IPv6 socket is bound to this device. */
-int vrf_join_device(const char *device, unsigned index);
+int vrf_join_device(const char *device);
 
 /* vrf_leave_device: new sockets are bound to no device, also if those of the host are. */
 int vrf_leave_device();
@@ -27,10 +27,14 @@ int vrf_leave_device();
  */
 int vrf_enter_files(const char *vrf_name);
 
-/* vrf_files_are_in_place: whether they still do. True in a process that never entered any. */
+/* vrf_forget_nscd: what nscd has shared with the host is not looked at any more. */
+int vrf_forget_nscd();
+
+/* Whether what was joined or entered is still as it was then. */
+bool vrf_device_is_in_place();
 bool vrf_files_are_in_place();
 
-/* vrf_set_name_services: the "hosts" services of this process, as in nsswitch.conf; nscd is not asked any more. */
-int vrf_set_name_services(const char *services);
+/* vrf_is_in_place: both. True in a process that is not bound. */
+bool vrf_is_in_place();
 
 #endif

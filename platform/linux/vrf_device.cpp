@@ -8,7 +8,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/bpf.h>
-#include <mntent.h>
+#include <net/if.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,7 +23,10 @@
 static constexpr size_t GROUP_BYTES = 4096;
 static constexpr unsigned NO_DEVICE = 0;
 static constexpr char own_group_file[] = "/proc/self/cgroup";
+static constexpr char mounts_file[] = "/proc/self/mountinfo";
 static constexpr char unified_prefix[] = "0::"; /* of its line on the unified hierarchy */
+
+static unsigned joined_device = NO_DEVICE;
 
 /*
  * A host that was itself started by "ip vrf exec" sits in the group /.../vrf/NAME, whose program its children could
@@ -58,22 +61,29 @@ static int find_own_group(char *group, size_t size)
     return 0;
 }
 
-/* Where a mount shows our own group; one that lies under another mount, or begins further down, does not. */
+/* Where the whole hierarchy is mounted, from a line about a mount; false when that is about something else. */
+static bool parse_mount(const char *line, char *root, char *point)
+{
+    static_assert(GROUP_BYTES == 4096); /* one more than below */
+    return strstr(line, " - cgroup2 ") != nullptr &&
+           sscanf(line, "%*d %*d %*s %4095s %4095s", root, point) == 2 && strcmp(root, "/") == 0;
+}
+
+/* One that lies under another mount does not show our own group. */
 static int find_group_folder(const char *group, char *folder, size_t size)
 {
-    FILE *mounts = setmntent("/proc/self/mounts", "re");
+    FILE *mounts = fopen(mounts_file, "re");
     if (mounts == nullptr)
-        return vrf_failed(errno, "/proc/self/mounts");
+        return vrf_failed(errno, "%s", mounts_file);
     bool found = false;
-    struct mntent mount;
-    char line[2 * GROUP_BYTES];
-    while (!found && getmntent_r(mounts, &mount, line, sizeof line) != nullptr) {
-        if (strcmp(mount.mnt_type, "cgroup2") != 0)
+    char line[4 * GROUP_BYTES], root[GROUP_BYTES], point[GROUP_BYTES];
+    while (!found && fgets(line, sizeof line, mounts) != nullptr) {
+        if (!parse_mount(line, root, point))
             continue;
-        const int length = snprintf(folder, size, "%s%s/cgroup.procs", mount.mnt_dir, group);
+        const int length = snprintf(folder, size, "%s%s/cgroup.procs", point, group);
         found = static_cast<size_t>(length) < size && access(folder, F_OK) == 0;
     }
-    endmntent(mounts);
+    fclose(mounts);
     if (!found)
         return vrf_failed(ENOENT, "the group \"%s\" on the unified hierarchy", group);
     *strrchr(folder, '/') = '\0';
@@ -170,9 +180,9 @@ static int join_group(int group)
     return error != 0 ? vrf_failed(error, "joining a control group") : 0;
 }
 
-static int device_of_socket(int family, unsigned *index)
+static int device_of_socket(int family, int type, unsigned *index)
 {
-    const int fd = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(family, type | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return errno;
     socklen_t size = sizeof *index;
@@ -184,10 +194,13 @@ static int device_of_socket(int family, unsigned *index)
 /* Programs of groups further up may have the last word, and old kernels have none for a socket of such a group. */
 static int check_sockets(unsigned index)
 {
-    constexpr int families[] = {AF_INET, AF_INET6};
-    for (const int family : families) {
+    constexpr struct {
+        int family, type;
+    } kinds[] = {
+        {AF_INET, SOCK_DGRAM}, {AF_INET, SOCK_STREAM}, {AF_INET6, SOCK_DGRAM}, {AF_INET6, SOCK_STREAM}};
+    for (const auto &kind : kinds) {
         unsigned bound = 0;
-        const int error = device_of_socket(family, &bound);
+        const int error = device_of_socket(kind.family, kind.type, &bound);
         if (error == EAFNOSUPPORT)
             continue;
         if (error != 0)
@@ -198,17 +211,29 @@ static int check_sockets(unsigned index)
     return 0;
 }
 
-int vrf_join_device(const char *device, unsigned index)
+/* The device may be made anew at any moment, and the program of the group is that of other jobs too. */
+static int attach_for(const char *device, int group)
+{
+    int error;
+    do {
+        joined_device = if_nametoindex(device);
+        error = joined_device != NO_DEVICE ? attach_program(group, joined_device)
+                                           : vrf_failed(errno, "device %s", device);
+    } while (error == 0 && if_nametoindex(device) != joined_device);
+    return error;
+}
+
+int vrf_join_device(const char *device)
 {
     int group = -1;
     int error = open_group(device, &group);
     if (error != 0)
         return error;
-    error = attach_program(group, index);
+    error = attach_for(device, group);
     if (error == 0)
         error = join_group(group);
     close(group);
-    return error != 0 ? error : check_sockets(index);
+    return error != 0 ? error : check_sockets(joined_device);
 }
 
 int vrf_leave_device()
@@ -222,4 +247,9 @@ int vrf_leave_device()
     error = join_group(group);
     close(group);
     return error != 0 ? error : check_sockets(NO_DEVICE);
+}
+
+bool vrf_device_is_in_place()
+{
+    return joined_device == NO_DEVICE || check_sockets(joined_device) == 0;
 }

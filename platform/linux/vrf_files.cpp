@@ -7,7 +7,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <nss.h>
 #include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -35,9 +34,6 @@ static resolver_file resolver_files[] = {{"gai.conf"},      {"host.conf"},   {"h
 
 /* Of a file in the folder of a VRF. */
 using path_text = char[sizeof LINUX_VRF_FILES + VRF_NAME_BYTES + NAME_MAX + 2];
-
-static constexpr char services_file[] = "/etc/nsswitch.conf";
-static constexpr char default_services[] = "files dns"; /* the C library's own */
 
 static constexpr const char *socket_folders[] = {"/run", "/var/run", "/var/lib/sss/pipes"};
 
@@ -86,14 +82,11 @@ static int cover(resolver_file *file, const char *own, const char *path)
     const int tree = take(own, &status);
     if (tree < 0)
         return vrf_failed(errno, "%s", own);
-    int error = 0;
+    /* Never closed: a file that is held keeps its inode number, so that no other can pass for it. */
     if (!S_ISREG(status.st_mode))
-        error = vrf_failed(EINVAL, "%s, which is no regular file", own);
-    else if (!put_over(tree, &status, path))
-        error = vrf_failed(errno, "%s over %s", own, path);
-    close(tree);
-    if (error != 0)
-        return error;
+        return vrf_failed(EINVAL, "%s, which is no regular file", own);
+    if (!put_over(tree, &status, path))
+        return vrf_failed(errno, "%s over %s", own, path);
     file->is_covered = true;
     file->device = status.st_dev;
     file->inode = status.st_ino;
@@ -163,46 +156,6 @@ static int hide_sockets()
     return 0;
 }
 
-/*
- * nscd shares its table as memory: a daemon that has ever asked it holds a mapping, its children inherit that, and no
- * hidden socket is in the way. The C library leaves it alone in a process that has set the services itself.
- */
-int vrf_set_name_services(const char *services)
-{
-    if (__nss_configure_lookup("hosts", services) != 0)
-        return vrf_failed(errno, "hosts:%s", services);
-    return 0;
-}
-
-/* The services in a line of nsswitch.conf; NULL when it is about something else. */
-static const char *services_in(char *line)
-{
-    line[strcspn(line, "#\n")] = '\0';
-    line += strspn(line, " \t");
-    const size_t name = strcspn(line, ": \t");
-    return name == strlen("hosts") && strncmp(line, "hosts", name) == 0 && line[name] != '\0'
-               ? line + name + 1
-               : nullptr;
-}
-
-static int read_name_services()
-{
-    int error = vrf_set_name_services(default_services);
-    FILE *file = fopen(services_file, "re");
-    if (file == nullptr)
-        return error != 0 || errno == ENOENT ? error : vrf_failed(errno, "%s", services_file);
-    char *line = nullptr;
-    size_t size = 0;
-    while (error == 0 && getline(&line, &size, file) >= 0) {
-        const char *services = services_in(line);
-        if (services != nullptr)
-            error = vrf_set_name_services(services);
-    }
-    free(line);
-    fclose(file);
-    return error;
-}
-
 int vrf_enter_files(const char *vrf_name)
 {
     char folder[sizeof LINUX_VRF_FILES "/" + VRF_NAME_BYTES];
@@ -213,9 +166,7 @@ int vrf_enter_files(const char *vrf_name)
     int error = cover_resolver_files(folder);
     if (error == 0)
         error = cover_other_files(folder);
-    if (error == 0)
-        error = hide_sockets();
-    return error != 0 ? error : read_name_services();
+    return error != 0 ? error : hide_sockets();
 }
 
 bool vrf_files_are_in_place()

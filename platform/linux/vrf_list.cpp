@@ -3,12 +3,15 @@
  */
 #include <dirent.h>
 #include <errno.h>
-#include <linux/magic.h>
+#include <fcntl.h>
+#include <linux/nsfs.h>
 #include <net/if.h>
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/vfs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/vrf_binding.h"
@@ -48,8 +51,10 @@ static linux_vrf_kind kind_of(const char *name)
 {
     char path[sizeof LINUX_VRF_NAMESPACES "/" + VRF_NAME_BYTES];
     snprintf(path, sizeof path, LINUX_VRF_NAMESPACES "/%.*s", VRF_NAME_BYTES, name);
-    struct statfs system;
-    const bool is_namespace = statfs(path, &system) == 0 && system.f_type == NSFS_MAGIC;
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const bool is_namespace = fd >= 0 && ioctl(fd, NS_GET_NSTYPE) == CLONE_NEWNET;
+    if (fd >= 0)
+        close(fd);
     return is_namespace ? LINUX_VRF_NAMESPACE : LINUX_VRF_UNUSABLE;
 }
 
