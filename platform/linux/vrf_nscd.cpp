@@ -13,10 +13,10 @@
 static constexpr char maps_file[] = "/proc/self/maps";
 
 /* The C library asks the daemon for a new table when one has not been updated for long, as this one since 1970. */
-static bool put_empty_table_over(unsigned long begin, unsigned long end)
+static bool put_empty_table_over(void *table, void *end)
 {
-    void *table = reinterpret_cast<void *>(begin);
-    return mmap(table, end - begin, PROT_READ, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == table;
+    const auto size = static_cast<size_t>(static_cast<char *>(end) - static_cast<char *>(table));
+    return mmap(table, size, PROT_READ, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == table;
 }
 
 int vrf_forget_nscd()
@@ -27,10 +27,10 @@ int vrf_forget_nscd()
     int error = 0;
     char line[PATH_MAX + 100];
     while (error == 0 && fgets(line, sizeof line, maps) != nullptr) {
-        unsigned long begin, end;
+        void *table, *end;
         char sharing;
-        if (sscanf(line, "%lx-%lx %*3c%c", &begin, &end, &sharing) == 3 && sharing == 's' &&
-            strstr(line, "/nscd/") != nullptr && !put_empty_table_over(begin, end))
+        if (sscanf(line, "%p-%p %*3c%c", &table, &end, &sharing) == 3 && sharing == 's' &&
+            strstr(line, "/nscd/") != nullptr && !put_empty_table_over(table, end))
             error = vrf_failed(errno, "a table of nscd");
     }
     fclose(maps);
