@@ -157,18 +157,6 @@ static void pass_gate(int channel)
         _exit(EXIT_FAILURE);
 }
 
-/*
- * A file of the host that is replaced takes away what lay over it, and a device may have got another's name. Better no
- * answer than one of another VRF.
- */
-static void leave_without_result_if_moved()
-{
-    if (vrf_is_in_place())
-        return;
-    fputs("the VRF's files or its device were replaced while the job ran\n", stderr);
-    _exit(EXIT_FAILURE);
-}
-
 void child_run(const child_plan *plan)
 {
     default_signals();
@@ -186,7 +174,8 @@ void child_run(const child_plan *plan)
     unblock_signals();
 
     const int32_t result = plan->body(plan->arg);
-    leave_without_result_if_moved();
+    if (!vrf_still_holds()) /* better no answer than one of another VRF */
+        _exit(EXIT_FAILURE);
     /* Text first, or a host that ends with the answer takes it along; but no answer waits for a reader of text. */
     flush_own_text(plan, false);
     wire_send(child_channel, FRAME_RESULT, {reinterpret_cast<const unsigned char *>(&result), sizeof result});

@@ -64,8 +64,9 @@ static int enter_namespace(int fd, const char *path)
 
 static int enter_device(const char *name, const char *missing_namespace)
 {
-    if (if_nametoindex(name) != 0)
-        return vrf_join_device(name);
+    const unsigned index = if_nametoindex(name);
+    if (index != 0)
+        return vrf_join_device(name, index);
     if (errno != ENODEV)
         return vrf_failed(errno, "device %s", name);
     return vrf_failed(errno, "neither a namespace %s nor a device %s", missing_namespace, name);
@@ -94,7 +95,7 @@ static int enter(int32_t vrf)
     if (vrf < 0)
         return vrf_failed(EINVAL, "negative number");
     if (bound_vrf != 0)
-        return vrf_failed(EBUSY, "bound to VRF %d", bound_vrf);
+        return vrf_failed(EBUSY, "bound before");
     snprintf(name, sizeof name, "vrf%d", vrf);
     int error = enter_network(name);
     if (error == 0)
@@ -115,9 +116,9 @@ static void leave_every_network()
     prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
-static void report(int32_t vrf)
+static void report(const char *what, int32_t vrf)
 {
-    fprintf(stderr, "cannot bind to VRF %d: %s\n", vrf, problem.text);
+    fprintf(stderr, "%s VRF %d: %s\n", what, vrf, problem.text);
     evtrack_hist_event(LINUX_HISTORY_VRF_PROBLEM, sizeof problem, &problem);
 }
 
@@ -126,16 +127,24 @@ int nsbind_set_global_context(int32_t vrf)
     if (vrf >= 0 && vrf == bound_vrf)
         return 0;
     const int error = enter(vrf);
-    bound_vrf = error == 0 ? vrf : NO_VRF;
-    if (error == 0)
+    if (error == 0) {
+        bound_vrf = vrf;
         return 0;
-    report(vrf);
-    leave_every_network();
+    }
+    report("cannot bind to", vrf);
+    if (bound_vrf != NO_VRF)
+        leave_every_network();
+    bound_vrf = NO_VRF;
     errno = error;
     return -1;
 }
 
-bool vrf_is_in_place()
+/* The network stays what it was, whoever gets its name. Not so the files: see vrf_files.cpp. */
+bool vrf_still_holds()
 {
-    return bound_vrf <= 0 || (vrf_files_are_in_place() && vrf_device_is_in_place());
+    if (bound_vrf <= 0 || vrf_files_are_in_place())
+        return true;
+    vrf_failed(ESTALE, "a resolver file was replaced");
+    report("no answer from", bound_vrf);
+    return false;
 }

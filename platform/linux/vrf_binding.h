@@ -15,8 +15,8 @@ constexpr int VRF_NAME_BYTES = 16;
 /* vrf_failed: note what went wrong, to be reported with the text of the errno. Returns error. */
 int vrf_failed(int error, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-/* vrf_join_device: from now on every new IPv4 and IPv6 socket is bound to this device. */
-int vrf_join_device(const char *device);
+/* vrf_join_device: from now on every new IPv4 and IPv6 socket is bound to the device that has this name and index. */
+int vrf_join_device(const char *device, unsigned index);
 
 /* vrf_leave_device: new sockets are bound to no device, also if those of the host are. */
 int vrf_leave_device();
@@ -30,11 +30,10 @@ int vrf_enter_files(const char *vrf_name);
 /* vrf_forget_nscd: what nscd has shared with the host is not looked at any more. */
 int vrf_forget_nscd();
 
-/* Whether what was joined or entered is still as it was then. */
-bool vrf_device_is_in_place();
+/* vrf_files_are_in_place: whether they still are, in a process that has entered them. */
 bool vrf_files_are_in_place();
 
-/* vrf_is_in_place: both. True in a process that is not bound. */
-bool vrf_is_in_place();
+/* vrf_still_holds: whether the process is bound as it was; if not, that has been reported. True if it never was. */
+bool vrf_still_holds();
 
 #endif

@@ -2,16 +2,14 @@
  * vrf_device.cpp: a VRF that is a device of the host's own namespace. A control group whose program binds each new
  * socket to the device, before anybody can use it, is the way to bind a resolver that knows nothing of VRFs.
  *
- * The group is <own group>/vrf/<device>, the one that "ip vrf exec" makes, so that "ip vrf pids" shows jobs too. It is
- * made once and stays; its program is put in place by each job, since a device that is made anew has a new index.
+ * The group is <own group>/vrf/<device>.<index>, much as "ip vrf exec" makes it. It is made once and stays. The index is
+ * part of its name since the jobs in it share its program: of a device that is made anew it has another.
  */
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/bpf.h>
-#include <net/if.h>
 #include <stddef.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,8 +23,6 @@ static constexpr unsigned NO_DEVICE = 0;
 static constexpr char own_group_file[] = "/proc/self/cgroup";
 static constexpr char mounts_file[] = "/proc/self/mountinfo";
 static constexpr char unified_prefix[] = "0::"; /* of its line on the unified hierarchy */
-
-static unsigned joined_device = NO_DEVICE;
 
 /*
  * A host that was itself started by "ip vrf exec" sits in the group /.../vrf/NAME, whose program its children could
@@ -111,9 +107,11 @@ static int open_below(int parent, const char *name, int *fd)
     return *fd >= 0 ? 0 : vrf_failed(errno, "control group %s", name);
 }
 
-static int open_group(const char *device, int *fd)
+static int open_group(const char *device, unsigned index, int *fd)
 {
+    char name[VRF_NAME_BYTES + sizeof ".4294967295"];
     int base = -1, parent = -1;
+    snprintf(name, sizeof name, "%s.%u", device, index);
     int error = open_base_group(&base);
     if (error != 0)
         return error;
@@ -121,7 +119,7 @@ static int open_group(const char *device, int *fd)
     close(base);
     if (error != 0)
         return error;
-    error = open_below(parent, device, fd);
+    error = open_below(parent, name, fd);
     close(parent);
     return error;
 }
@@ -191,7 +189,7 @@ static int device_of_socket(int family, int type, unsigned *index)
     return error;
 }
 
-/* Programs of groups further up may have the last word, and old kernels have none for a socket of such a group. */
+/* Programs of groups further up may have the last word, and old kernels do without any while net_cls is in use. */
 static int check_sockets(unsigned index)
 {
     constexpr struct {
@@ -211,29 +209,17 @@ static int check_sockets(unsigned index)
     return 0;
 }
 
-/* The device may be made anew at any moment, and the program of the group is that of other jobs too. */
-static int attach_for(const char *device, int group)
-{
-    int error;
-    do {
-        joined_device = if_nametoindex(device);
-        error = joined_device != NO_DEVICE ? attach_program(group, joined_device)
-                                           : vrf_failed(errno, "device %s", device);
-    } while (error == 0 && if_nametoindex(device) != joined_device);
-    return error;
-}
-
-int vrf_join_device(const char *device)
+int vrf_join_device(const char *device, unsigned index)
 {
     int group = -1;
-    int error = open_group(device, &group);
+    int error = open_group(device, index, &group);
     if (error != 0)
         return error;
-    error = attach_for(device, group);
+    error = attach_program(group, index);
     if (error == 0)
         error = join_group(group);
     close(group);
-    return error != 0 ? error : check_sockets(joined_device);
+    return error != 0 ? error : check_sockets(index);
 }
 
 int vrf_leave_device()
@@ -247,9 +233,4 @@ int vrf_leave_device()
     error = join_group(group);
     close(group);
     return error != 0 ? error : check_sockets(NO_DEVICE);
-}
-
-bool vrf_device_is_in_place()
-{
-    return joined_device == NO_DEVICE || check_sockets(joined_device) == 0;
 }

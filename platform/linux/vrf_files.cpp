@@ -9,7 +9,6 @@
 #include <limits.h>
 #include <sched.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -169,6 +168,7 @@ int vrf_enter_files(const char *vrf_name)
     return error != 0 ? error : hide_sockets();
 }
 
+/* A file of /etc that the host replaces, in its own view, takes what lies over it away here. */
 bool vrf_files_are_in_place()
 {
     for (const resolver_file &file : resolver_files)

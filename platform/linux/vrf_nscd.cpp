@@ -12,7 +12,7 @@
 
 static constexpr char maps_file[] = "/proc/self/maps";
 
-/* The C library asks the daemon for a new table when one has not been updated for long, as this one since 1970. */
+/* The C library drops a table that has not been updated for long, as this one since 1970, and asks for a new one. */
 static bool put_empty_table_over(void *table, void *end)
 {
     const auto size = static_cast<size_t>(static_cast<char *>(end) - static_cast<char *>(table));
