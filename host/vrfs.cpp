@@ -129,12 +129,11 @@ char *explain_vrf(int32_t vrf)
 {
     const int fd = memfd_create("reason", MFD_CLOEXEC);
     FILE *reason = fd >= 0 ? fdopen(fd, "w+") : nullptr;
-    if (reason == nullptr) {
-        if (fd >= 0)
-            close(fd);
-        return g_strdup_printf("cannot bind to VRF %d: %s", vrf, g_strerror(errno));
-    }
-    char *problem = bind_in_a_job(vrf, reason);
-    fclose(reason);
+    char *problem = reason != nullptr ? bind_in_a_job(vrf, reason)
+                                      : g_strdup_printf("cannot bind to VRF %d: %s", vrf, g_strerror(errno));
+    if (reason != nullptr)
+        fclose(reason);
+    else if (fd >= 0)
+        close(fd);
     return problem;
 }

@@ -95,7 +95,7 @@ typedef struct {
     unsigned char record[LINUX_HISTORY_BYTES];
 } linux_history_record;
 
-/* The class of records that this platform writes itself: subtype 0, and why a job was not bound, or not for long. */
+/* The class of records that this platform writes itself: subtype 0, and why a job could not be, or stay, in its VRF. */
 #define LINUX_HISTORY_VRF_PROBLEM 0x56524600
 
 /* linux_history_enable: switch recording on or off; what was recorded stays. 0, or -1 with errno. */

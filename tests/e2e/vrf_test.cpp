@@ -16,23 +16,6 @@
 #include "platform/nsbind.h"
 #include "tests/support/laboratory.h"
 
-class Vrf : public testing::Test
-{
-  protected:
-    void SetUp() override
-    {
-        queue = linux_queue_create();
-        dns_cache_init(queue, 3);
-    }
-
-    void TearDown() override
-    {
-        empty_cache();
-    }
-
-    uint32_t queue = 0;
-};
-
 static std::string own_addresses(int vrf)
 {
     const std::string number = std::to_string(vrf);
@@ -59,7 +42,7 @@ static void poison_host()
 }
 
 /* Each lookup is a packet for each kind of address that the VRF itself has: every packet on a wire is accounted for. */
-TEST_F(Vrf, EachIsAnsweredByItsOwnServerAndNoOther)
+TEST(Vrf, EachIsAnsweredByItsOwnServerAndNoOther)
 {
     poison_host();
     constexpr int ROUNDS = 1000;
@@ -225,7 +208,7 @@ static std::string next_problem(uint64_t *cursor)
     return "no problem";
 }
 
-TEST_F(Vrf, ReachesNothingWhenItCannotBeBound)
+TEST(Vrf, ReachesNothingWhenItCannotBeBound)
 {
     uint64_t cursor = 0;
     const bool has_refuge = users_get_namespaces();
@@ -263,7 +246,7 @@ TEST_F(Vrf, ReachesNothingWhenItCannotBeBound)
  * While a job waits for its answer, the daemon's own file is replaced, as a DHCP client does it, and what lay over it is
  * gone; or another device gets the name of the job's, and a second job is bound to that.
  */
-TEST_F(Vrf, KeepsToWhatItWasBoundToOrGivesNoAnswer)
+TEST(Vrf, KeepsToWhatItWasBoundToOrGivesNoAnswer)
 {
     const struct {
         int vrf;
@@ -276,7 +259,8 @@ TEST_F(Vrf, KeepsToWhatItWasBoundToOrGivesNoAnswer)
         {5, "ip link set vrf5 name old && ip link set uplink name vrf5", 0,
          "192.0.2.0 2001:db8::", "192.0.2.5 2001:db8::5"},
     };
-    blocking_timeout = 1;
+    const uint32_t queue = linux_queue_create();
+    dns_cache_init(queue, 1);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.vrf);
         const std::string server = " $(cat /run/server" + std::to_string(c.vrf) + ".pid)";
