@@ -11,6 +11,7 @@
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 
 void free_node(void *data)
 {
@@ -32,6 +33,7 @@ static bool is_full(GList *list, int limit)
 
 GList *g_list_check_and_prepend(GList **list, void *data, int limit)
 {
+    const errno_guard kept;
     if (list == nullptr) {
         TRACE_HERE("%s(%d) list NULL\n");
         return nullptr;

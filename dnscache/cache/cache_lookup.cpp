@@ -5,6 +5,7 @@
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 
 static constexpr char lookup[] = "check_local_cache";
 
@@ -41,6 +42,7 @@ static verdict judge(int rc, const struct addrinfo *chain)
 
 int check_local_cache(GList *list, const char *key, struct addrinfo **res)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     TRACE("list length : %d\n", static_cast<int>(g_list_length(list)));
     TRACE("serv_id: %s\n", text_or_null(key));

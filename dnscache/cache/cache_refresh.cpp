@@ -12,6 +12,7 @@
 #include "dnscache/cache/bounded_list.h"
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/jobs/job_start.h"
 #include "dnscache/record_layout.h"
 #include "dnscache/records/request_record.h"
@@ -61,6 +62,7 @@ static int start_in_background(server_addr_info *request, job_options *options)
 
 int add_entry_to_dns_cache(const char *host, int port, int vrf, const struct addrinfo *hints)
 {
+    const errno_guard kept;
     job_options options = new_job_options();
     TRACE_ENTER();
     char key[sizeof server_spawnlet_data_t::serv_id] = "";
@@ -118,6 +120,7 @@ static void expire(server_spawnlet_data_t *record)
 
 void refresh_dns_cache(void)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     for (GList *link = local_cache; link != nullptr; link = link->next) {
         if (link->data != nullptr)
@@ -141,6 +144,7 @@ static bool is_kept(const server_spawnlet_data_t *record)
 
 void remove_old_entries_from_local_cache(void)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     if (local_cache != nullptr)
         TRACE("list length before remove: %d\n", static_cast<int>(g_list_length(local_cache)));

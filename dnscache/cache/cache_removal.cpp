@@ -6,6 +6,7 @@
 #include "dnscache/cache/bounded_list.h"
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/state.h"
 
 static bool is_of_server(const server_spawnlet_data_t *record, const char *name)
@@ -15,6 +16,7 @@ static bool is_of_server(const server_spawnlet_data_t *record, const char *name)
 
 void remove_entry_from_dns_cache(const char *name)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     TRACE("Marking Server : %s \n", text_or_null(name));
     if (local_cache == nullptr)

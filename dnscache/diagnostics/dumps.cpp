@@ -7,6 +7,7 @@
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
 
 /* Socket addresses come out of byte arrays, so nothing is assumed about their alignment. */
@@ -20,6 +21,7 @@ static uint16_t family_of(const struct sockaddr *sa)
 
 const void *get_sock_in_addr(const struct sockaddr *sa)
 {
+    const errno_guard kept;
     if (sa == nullptr) {
         TRACE_HERE("%s(%d) sa is NULL\n");
         return nullptr;
@@ -38,6 +40,7 @@ const void *get_sock_in_addr(const struct sockaddr *sa)
 
 void display_sockaddr(const struct sockaddr *sa)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     signed char data[14];
     memcpy(data, reinterpret_cast<const char *>(sa) + sizeof(uint16_t), sizeof data);
@@ -49,6 +52,7 @@ void display_sockaddr(const struct sockaddr *sa)
 
 void display_ip_addrs(const struct addrinfo *ai)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     for (; ai != nullptr; ai = ai->ai_next) {
         TRACE("ai_socktype : %d \n", ai->ai_socktype);
@@ -62,6 +66,7 @@ void display_ip_addrs(const struct addrinfo *ai)
 
 void server_spawnlet_data_display(const server_spawnlet_data_t *record)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     TRACE("number of entries : %d\n", record->num_entries);
     TRACE("serv_name : %s\n", record->serv_name);

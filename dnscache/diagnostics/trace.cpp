@@ -4,12 +4,14 @@
  */
 #include "dnscache/diagnostics/trace.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "dnscache/dnscache.h"
 #include "platform/platmgr.h"
@@ -45,11 +47,27 @@ bool trace_debug_is_on()
     return evtrack_chk_int(DNSCACHE_TRACE_FLAG, 0, 0, 1) != 0;
 }
 
+/*
+ * Everybody may write to the folder. What others have planted there is neither waited for nor written to: the file has
+ * to be made now or ours already, and then, the folder being sticky, nobody else can put anything in its place.
+ */
+static bool log_file_is_ours()
+{
+    const int made = open(file_name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (made >= 0) {
+        close(made);
+        return true;
+    }
+    struct stat found;
+    return errno == EEXIST && lstat(file_name, &found) == 0 && S_ISREG(found.st_mode) &&
+           found.st_uid == geteuid() && found.st_nlink == 1;
+}
+
 static bool open_log_file()
 {
     snprintf(file_name, sizeof file_name - 1, "/tmp/dnscache.log.%d",
              static_cast<int>(platmgr_partition_get() & 0xffff));
-    log_file = fopen(file_name, "a");
+    log_file = log_file_is_ours() ? fopen(file_name, "a") : nullptr;
     if (log_file == nullptr)
         return false;
     /* Forked jobs write to it too, but no program that the host executes should. */

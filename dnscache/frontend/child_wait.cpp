@@ -8,6 +8,7 @@
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 
 static constexpr int poll_interval_us = 25000;
 static constexpr int polls_max = 80;       /* 2 s of sleep */
@@ -21,6 +22,7 @@ static void sleep_between_polls()
 
 void dnscache_wait_for_child(int pid)
 {
+    const errno_guard kept;
     int wait_iterations = 0;
     for (;;) {
         const pid_t reaped = waitpid(pid, nullptr, WNOHANG);

@@ -7,6 +7,7 @@
 #include "dnscache/cache/bounded_list.h"
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
 #include "dnscache/records/record_intake.h"
 #include "dnscache/state.h"
@@ -61,6 +62,7 @@ static void forget_job(uint32_t handle)
 void dnscache_spawnletcb_job_done(uint32_t handle, uint32_t syserr, void *ret_info, uint32_t ret_info_size,
                                   int32_t ret_syserr)
 {
+    const errno_guard kept;
     TRACE_HERE("%s(%d):Handle 0x%x syserr \"%s\" ret_info_size %d  ret_syserr %d ret_info %lx\n", handle,
                errcode2str(syserr), static_cast<int>(ret_info_size), ret_syserr,
                reinterpret_cast<unsigned long>(ret_info));

@@ -9,6 +9,7 @@
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/jobs/job_start.h"
 #include "dnscache/records/record_intake.h"
 #include "dnscache/records/request_record.h"
@@ -137,6 +138,7 @@ static int take_outcome(const server_addr_info *request, const job_outcome &outc
 int getaddrinfo_async_mq3(const char *node, const char *service, const struct addrinfo *hints, int32_t vrf,
                           struct addrinfo **res)
 {
+    const errno_guard kept;
     if (service == nullptr || node == nullptr || hints == nullptr)
         return -1;
     if (answered_by_cache(node, service, vrf, res))

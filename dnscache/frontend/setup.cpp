@@ -2,11 +2,13 @@
  * setup.cpp: the two set-up calls.
  */
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/state.h"
 #include "platform/spawnlet.h"
 
 void dns_cache_init(uint32_t queue, int32_t timeout_secs)
 {
+    const errno_guard kept;
     if (cache_initialised != 0)
         return;
     async_queue = queue;

@@ -3,8 +3,9 @@
  */
 #include "dnscache/records/record_intake.h"
 
-#include <stdlib.h>
 #include <string.h>
+
+#include "dnscache/records/list_block.h"
 
 template <size_t size>
 static void terminate(char (&field)[size])
@@ -14,7 +15,7 @@ static void terminate(char (&field)[size])
 
 server_spawnlet_data_t *new_record_from_child(const void *buffer)
 {
-    auto *record = static_cast<server_spawnlet_data_t *>(malloc(sizeof(server_spawnlet_data_t)));
+    auto *record = static_cast<server_spawnlet_data_t *>(new_list_block(sizeof(server_spawnlet_data_t)));
     if (record == nullptr)
         return nullptr;
     memcpy(record, buffer, sizeof *record);

@@ -9,6 +9,7 @@
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
 #include "dnscache/record_layout.h"
+#include "dnscache/records/list_block.h"
 
 int server_addr_init(const char *serv_name, const char *service, const struct addrinfo *hints, int vrf,
                      server_addr_info *record)
@@ -27,7 +28,7 @@ int server_addr_init(const char *serv_name, const char *service, const struct ad
 server_addr_info *new_request_record(const char *owner, const char *host, const char *service,
                                      const struct addrinfo *hints, int vrf)
 {
-    auto *record = static_cast<server_addr_info *>(malloc(sizeof(server_addr_info)));
+    auto *record = static_cast<server_addr_info *>(new_list_block(sizeof(server_addr_info)));
     if (record == nullptr) {
         TRACE_AS(owner, "Malloc Failed \n");
         return nullptr;

@@ -10,6 +10,7 @@
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
 
 static constexpr char decoder[] = "get_res_back";
@@ -65,6 +66,7 @@ static bool copy_canonical_name(struct addrinfo *node, const char (&slot)[65])
 
 int get_res_back(server_spawnlet_data_t *record, struct addrinfo **res)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     *res = nullptr;
     if (record == nullptr) {

@@ -143,6 +143,16 @@ static uint32_t fork_into(job *slot, child_plan *plan)
     return LINUX_JOB_OK;
 }
 
+/* A child that is gone already shows in job_advance(); one that is never let in would use up its time at the gate. */
+static bool open_gate(int channel)
+{
+    ssize_t sent;
+    do
+        sent = send(channel, "", 1, MSG_NOSIGNAL);
+    while (sent < 0 && errno == EINTR);
+    return sent == 1 || errno == EPIPE;
+}
+
 /* NULL: not started, and *code says why. */
 static job *start_job(child_plan *plan, const job_options *options, uint32_t handle, uint32_t *code)
 {
@@ -160,14 +170,14 @@ static job *start_job(child_plan *plan, const job_options *options, uint32_t han
         return nullptr;
     slot->handle = handle;
     slot->deadline_ns = deadline_ns;
-    if (handle != 0 && !queue_watch(slot)) {
-        slot->code = *code = LINUX_JOB_NO_RESOURCES;
-        job_retire(slot);
-        return nullptr;
-    }
-    /* Opens the gate; a child that is gone shows in job_advance(). */
-    send(slot->channel, "", 1, MSG_NOSIGNAL);
-    return slot;
+    const bool is_watched = handle == 0 || queue_watch(slot);
+    if (is_watched && open_gate(slot->channel))
+        return slot;
+    if (handle != 0 && is_watched)
+        queue_unwatch(slot);
+    slot->code = *code = LINUX_JOB_NO_RESOURCES;
+    job_retire(slot);
+    return nullptr;
 }
 
 /* The two calls */

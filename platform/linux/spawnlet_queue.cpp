@@ -23,21 +23,6 @@ static bool is_in_background(const job &job)
     return job.state == JOB_RUNNING && job.handle != 0;
 }
 
-/* To the earliest deadline; one that has passed makes the timer readable at once. */
-static void set_timer()
-{
-    int64_t earliest = INT64_MAX;
-    for (const job &job : all_jobs())
-        if (is_in_background(job) && job.deadline_ns < earliest)
-            earliest = job.deadline_ns;
-    struct itimerspec when = {}; /* all zero disarms */
-    if (earliest != INT64_MAX) {
-        when.it_value.tv_sec = static_cast<time_t>(earliest / ns_per_second);
-        when.it_value.tv_nsec = static_cast<long>(earliest % ns_per_second);
-    }
-    timerfd_settime(deadline_timer, TFD_TIMER_ABSTIME, &when, nullptr);
-}
-
 static bool add_to_queue(int fd)
 {
     struct epoll_event event = {.events = EPOLLIN, .data = {.fd = fd}};
@@ -50,11 +35,52 @@ static void drop_from_queue(int fd)
     epoll_ctl(registered_queue, EPOLL_CTL_DEL, fd, nullptr);
 }
 
+static void close_timer()
+{
+    if (deadline_timer < 0)
+        return;
+    drop_from_queue(deadline_timer);
+    close(deadline_timer);
+    deadline_timer = -1;
+}
+
+static bool open_timer()
+{
+    if (deadline_timer >= 0)
+        return true;
+    deadline_timer = above_streams(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    if (deadline_timer < 0)
+        return false;
+    if (!add_to_queue(deadline_timer))
+        close_timer();
+    return deadline_timer >= 0;
+}
+
+/*
+ * To the earliest deadline; one that has passed makes the timer readable at once. With the last job the timer goes too:
+ * a host that waits for nothing holds nothing.
+ */
+static void set_timer()
+{
+    int64_t earliest = INT64_MAX;
+    for (const job &job : all_jobs())
+        if (is_in_background(job) && job.deadline_ns < earliest)
+            earliest = job.deadline_ns;
+    if (earliest == INT64_MAX) {
+        close_timer();
+        return;
+    }
+    struct itimerspec when = {};
+    when.it_value.tv_sec = static_cast<time_t>(earliest / ns_per_second);
+    when.it_value.tv_nsec = static_cast<long>(earliest % ns_per_second);
+    timerfd_settime(deadline_timer, TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
 bool queue_watch(const job *job)
 {
     if (registered_queue < 0)
         return true;
-    if (!add_to_queue(job->channel))
+    if (!open_timer() || !add_to_queue(job->channel))
         return false;
     if (!add_to_queue(job->pidfd)) {
         drop_from_queue(job->channel);
@@ -82,8 +108,7 @@ static uint32_t unregister(uint32_t code)
     for (const job &job : all_jobs())
         if (is_in_background(job))
             queue_unwatch(&job);
-    close(deadline_timer);
-    deadline_timer = -1;
+    close_timer();
     registered_queue = -1;
     return code;
 }
@@ -92,13 +117,10 @@ uint32_t spawnlet_register_async_q(uint32_t queue)
 {
     if (queue == 0 || queue > INT32_MAX || registered_queue >= 0 || in_job_child())
         return LINUX_JOB_BAD_ARGUMENT;
-    deadline_timer = above_streams(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    if (deadline_timer < 0)
-        return LINUX_JOB_NO_RESOURCES;
+    struct epoll_event any;
+    if (epoll_wait(static_cast<int>(queue), &any, 1, 0) < 0 && errno != EINTR) /* no queue at all */
+        return LINUX_JOB_BAD_ARGUMENT;
     registered_queue = static_cast<int>(queue);
-    if (!add_to_queue(deadline_timer))
-        return unregister(errno == EBADF || errno == EINVAL ? LINUX_JOB_BAD_ARGUMENT
-                                                            : LINUX_JOB_NO_RESOURCES);
     for (const job &job : all_jobs())
         if (is_in_background(job) && !queue_watch(&job))
             return unregister(LINUX_JOB_NO_RESOURCES);
@@ -127,6 +149,7 @@ int linux_queue_next(uint32_t queue, linux_completion *completion)
         errno = EINVAL;
         return -1;
     }
+    const int error = errno; /* to be left alone by a call that succeeds */
     free(delivered_handback);
     delivered_handback = nullptr;
     jobs_reap();
@@ -141,5 +164,6 @@ int linux_queue_next(uint32_t queue, linux_completion *completion)
         }
     }
     set_timer();
+    errno = error;
     return taken;
 }

@@ -16,12 +16,6 @@
 #include "platform/nsbind.h"
 #include "tests/support/laboratory.h"
 
-static std::string own_addresses(int vrf)
-{
-    const std::string number = std::to_string(vrf);
-    return "192.0.2." + number + (vrf != 2 ? " 2001:db8::" + number : "");
-}
-
 /*
  * The caching daemon of the host knows the name from a hosts file, and whoever has asked it once, as this process, holds
  * its table in memory.

@@ -1,0 +1,310 @@
+/*
+ * Every call that can fail, failing once, in the laboratory: each in turn, at each place where it is made in the daemon
+ * or in a job, until there is no further place. Whatever fails, each call of the library returns a code within its
+ * bound, nothing but that call's own outcome changes, nothing is left behind, no job asks in another VRF, and
+ * the next try is answered.
+ */
+#include <fcntl.h>
+#include <sys/resource.h>
+
+#include <array>
+
+#include "tests/support/laboratory.h"
+
+static constexpr int SHORT = -1; /* no failure: a transfer of one byte */
+
+static const struct faulty_call {
+    const char *name;
+    std::vector<int> errors;
+} faulty_calls[] = {
+    {"access", {EACCES}},
+    {"close", {EIO}},
+    {"dup2", {EBUSY}},
+    {"epoll_create1", {EMFILE}},
+    {"epoll_ctl", {ENOSPC}},
+    {"epoll_wait", {EINTR}},
+    {"fcntl", {EMFILE}},
+    {"fgets", {EIO}},
+    {"fopen", {ENFILE}},
+    {"fork", {EAGAIN, ENOMEM}},
+    {"fstat", {EIO}},
+    {"fstatfs", {EIO}},
+    {"getaddrinfo", {EAI_MEMORY}},
+    {"getsockopt", {ENOBUFS}},
+    {"if_nametoindex", {EMFILE}},
+    {"lstat", {EACCES}},
+    {"malloc", {ENOMEM}},
+    {"mkdirat", {ENOSPC}},
+    {"mount", {EPERM}},
+    {"move_mount", {EBUSY}},
+    {"open", {ENFILE, EINTR}},
+    {"open_tree", {ENOMEM}},
+    {"openat", {ENFILE}},
+    {"opendir", {EMFILE}},
+    {"pidfd_open", {EMFILE}},
+    {"poll", {EINTR, ENOMEM}},
+    {"prctl", {EINVAL}},
+    {"readdir", {EIO}},
+    {"recv", {EINTR, ECONNRESET, SHORT}},
+    {"send", {EINTR, ENOBUFS, SHORT}},
+    {"setns", {EPERM}},
+    {"socket", {ENOBUFS}},
+    {"socketpair", {EMFILE}},
+    {"stat", {EIO}},
+    {"syscall", {EPERM}},
+    {"timerfd_create", {EMFILE}},
+    {"timerfd_settime", {EINVAL}},
+    {"unshare", {ENOSPC}},
+    {"waitid", {EINTR}},
+    {"write", {EINTR, ENOMEM}},
+};
+
+/* The next fault, shared with the jobs. */
+static struct fault_plan {
+    char call[20];
+    int error;
+    int countdown; /* the call that finds it at 1 fails */
+    bool has_struck;
+} *const plan = shared<fault_plan>();
+
+static bool is_armed; /* in the library, not in the test */
+
+static bool strikes(const char *call)
+{
+    if (!is_armed || strcmp(plan->call, call) != 0 ||
+        __atomic_fetch_sub(&plan->countdown, 1, __ATOMIC_RELAXED) != 1)
+        return false;
+    return plan->has_struck = true;
+}
+
+/* Whatever a call takes and returns: words in excess do no harm in C's way of calling. */
+template <typename Real>
+static long fault(Real *real, const char *call, long failure, std::array<long, 6> args)
+{
+    const bool is_struck = strikes(call);
+    if (is_struck && plan->error == SHORT)
+        args[2] = 1;
+    const bool is_done = !is_struck || plan->error == SHORT || strcmp(call, "close") == 0;
+    const long result = is_done ? real(args[0], args[1], args[2], args[3], args[4], args[5]) : failure;
+    if (!is_struck || plan->error == SHORT)
+        return result;
+    errno = plan->error;
+    return failure;
+}
+
+#define FAULTY(name, failure)                                                                                \
+    extern "C" long __real_##name(long, long, long, long, long, long);                                       \
+    extern "C" long __wrap_##name(long a, long b, long c, long d, long e, long f)                            \
+    {                                                                                                        \
+        return fault(__real_##name, #name, failure, {a, b, c, d, e, f});                                     \
+    }
+FAULTY_CALLS
+
+/* The test's own memory, so that none of it is missing when there is none left. */
+static char arena[64 << 20];
+static size_t arena_used;
+
+void *operator new(size_t size)
+{
+    const size_t at = arena_used;
+    arena_used += (size + 15) & ~size_t{15};
+    return arena_used <= sizeof arena ? arena + at : nullptr;
+}
+
+void operator delete(void *) noexcept {}
+void operator delete(void *, size_t) noexcept {}
+
+/* One life of a daemon, in a process of its own; its exit status is the line where something was not as it should be. */
+
+#define REQUIRE(condition)                                                                                   \
+    do {                                                                                                     \
+        if (!(condition))                                                                                    \
+            _exit(__LINE__);                                                                                 \
+    } while (false)
+
+template <typename Call>
+static auto armed(Call call)
+{
+    is_armed = true;
+    const auto result = call();
+    is_armed = false;
+    return result;
+}
+
+static int *const refusals = shared<int>();
+
+static std::string try_to_look_up(const std::string &name, int vrf)
+{
+    const guint records = g_list_length(local_cache), jobs = g_list_length(job_list);
+    const std::string found = armed([&] { return look_up(name, vrf); });
+    const bool is_answer = found == own_addresses(vrf), has_job = found == "(-3)";
+    *refusals += !is_answer;
+    REQUIRE(is_answer || (found[0] == '(' && found.back() == ')'));
+    REQUIRE(g_list_length(local_cache) - records <= (is_answer ? 1 : 0));
+    REQUIRE(g_list_length(job_list) - jobs <= (has_job ? 1 : 0));
+    REQUIRE(running_jobs == static_cast<int>(g_list_length(job_list)));
+    return found;
+}
+
+/* Of every job that was started. One that there was no memory for stays in the list. */
+static void take_completions(uint32_t queue)
+{
+    static uint64_t taken;
+    linux_job_counters started;
+    linux_completion done;
+    for (linux_jobs_started(&started); taken < started.background && becomes_readable(queue);)
+        if (armed([&] { return linux_queue_next(queue, &done); }) == 1) {
+            taken++;
+            armed([&] {
+                dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
+                                             done.ret_syserr);
+                return 0;
+            });
+        }
+    REQUIRE(taken == started.background);
+}
+
+static bool is_as_before(uint32_t queue, size_t descriptors)
+{
+    siginfo_t child = {};
+    linux_completion none;
+    linux_queue_next(queue, &none); /* reaps */
+    return open_descriptors().size() == descriptors + 1 &&
+           (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || child.si_pid == 0);
+}
+
+extern "C" int __attribute__((weak)) __lsan_do_recoverable_leak_check(void);
+
+using step = std::function<void()>;
+
+static void live(int vrf, const step &trouble, const step &recover)
+{
+    REQUIRE(dup(open("/etc/hosts", O_RDONLY)) > 0); /* something that its jobs inherit */
+    const size_t descriptors = open_descriptors().size();
+    const int elsewhere = packets(0);
+    trouble();
+    uint32_t queue = armed(linux_queue_create);
+    if (queue == 0) {
+        recover();
+        queue = linux_queue_create();
+    }
+    armed([queue] { return dns_cache_init(queue, 1), 0; });
+    try_to_look_up("one.lab", vrf);
+    armed([vrf] { return add_entry_to_dns_cache("two.lab", 123, vrf, nullptr); });
+    take_completions(queue);
+    try_to_look_up("one.lab", vrf);
+    dns_cache_set_timeout(-1); /* everything has expired */
+    armed([] { return refresh_dns_cache(), 0; });
+    REQUIRE(local_cache == nullptr);
+    take_completions(queue);
+    recover();
+    REQUIRE(try_to_look_up("two.lab", vrf) == own_addresses(vrf));
+    take_completions(queue);
+    REQUIRE(running_jobs == (strcmp(plan->call, "malloc") == 0 && plan->has_struck && running_jobs == 1));
+    REQUIRE(eventually([&] { return is_as_before(queue, descriptors); }));
+    REQUIRE(vrf == 0 || packets(0) == elsewhere);
+    empty_cache();
+    REQUIRE(__lsan_do_recoverable_leak_check == nullptr || __lsan_do_recoverable_leak_check() == 0);
+}
+
+static void set_limit(__rlimit_resource resource, rlim_t soft)
+{
+    struct rlimit limit;
+    getrlimit(resource, &limit);
+    limit.rlim_cur = std::min(soft, limit.rlim_max);
+    REQUIRE(setrlimit(resource, &limit) == 0);
+}
+
+static void expect_life(int vrf, const step &trouble, const step &recover)
+{
+    fflush(stdout);
+    const pid_t daemon = fork();
+    if (daemon == 0) {
+        alarm(20);
+        freopen("/dev/null", "w", stdout);
+        live(vrf, trouble, recover);
+        _exit(0);
+    }
+    int status = -1;
+    waitpid(daemon, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "line of this file";
+}
+
+/* Returns at how many places it has struck. */
+static int sweep(const char *call, int error, int vrf)
+{
+    int place = 1;
+    for (;; place++) {
+        SCOPED_TRACE(std::string(call) + " " + strerror(error) + " at " + std::to_string(place));
+        *plan = {};
+        snprintf(plan->call, sizeof plan->call, "%s", call);
+        plan->error = error;
+        plan->countdown = place;
+        expect_life(
+            vrf, [] {}, [] { plan->countdown = 0; });
+        if (!plan->has_struck)
+            return place - 1;
+    }
+}
+
+TEST(Fault, OfOneSystemCallIsSurvivedWhereverItIs)
+{
+    for (const faulty_call &call : faulty_calls) {
+        int places = 0;
+        for (const int error : call.errors)
+            for (const int vrf : {0, 1, 5})
+                places += sweep(call.name, error, vrf);
+        EXPECT_GT(places, 0) << call.name;
+    }
+}
+
+/* Takes all the memory there is, but for some bytes. */
+static void leave_memory(rlim_t bytes)
+{
+    void *left = malloc(bytes);
+    set_limit(RLIMIT_AS, 0);
+    for (size_t size = 1 << 20; size >= 16; size /= 2)
+        while (malloc(size) != nullptr)
+            ;
+    free(left);
+}
+
+static void leave_descriptors(rlim_t count)
+{
+    set_limit(RLIMIT_NOFILE, 4 + count);
+}
+
+/* Privilege is above this limit. */
+static void leave_processes(rlim_t count)
+{
+    REQUIRE(setresuid(65534, 65534, 65534) == 0);
+    set_limit(RLIMIT_NPROC, count);
+}
+
+/* From too little for anything to enough for everything. */
+TEST(Fault, LimitsAreRefusalsUntilTheyAreRaised)
+{
+    const struct {
+        void (*leave)(rlim_t);
+        __rlimit_resource resource;
+        rlim_t most, step;
+        std::vector<int> vrfs;
+    } cases[] = {
+        {leave_descriptors, RLIMIT_NOFILE, 40, 1, {0, 1, 5}},
+        {leave_processes, RLIMIT_NPROC, 3, 1, {0}},
+        {leave_memory, RLIMIT_AS, 120 << 10, 1 << 10, {0, 1, 5}},
+    };
+    for (const auto &c : cases)
+        for (const int vrf : c.vrfs)
+            for (rlim_t left = 0; left <= c.most; left += c.step) {
+                if (c.resource == RLIMIT_AS && __lsan_do_recoverable_leak_check != nullptr)
+                    continue; /* a sanitizer's own memory has no bounds */
+                SCOPED_TRACE(testing::Message() << "limit " << c.resource << ", " << left << ", VRF " << vrf);
+                *refusals = 0;
+                expect_life(
+                    vrf, [&] { c.leave(left); }, [&] { set_limit(c.resource, RLIM_INFINITY); });
+                EXPECT_TRUE(left > 0 || *refusals > 0);
+                EXPECT_TRUE(left < c.most || *refusals == 0);
+            }
+}
