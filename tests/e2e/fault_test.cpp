@@ -270,9 +270,12 @@ static void leave_memory(rlim_t bytes)
     free(left);
 }
 
+/* Besides that of the queue. */
 static void leave_descriptors(rlim_t count)
 {
-    set_limit(RLIMIT_NOFILE, 4 + count);
+    const int next = dup(STDOUT_FILENO);
+    close(next);
+    set_limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1 + count);
 }
 
 /* Privilege is above this limit. */
