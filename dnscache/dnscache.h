@@ -33,15 +33,20 @@
  *
  *   SIGCHLD     After a lookup that was not answered from the cache, SIGCHLD is ignored, whatever it was
  *               before; during the wait it has its default. While it is ignored, children of your own leave
- *               no exit status. Install your handler again after such a lookup if you need one. Starting a
- *               background job changes no signal disposition.
+ *               no exit status. If you have some, save your sigaction() before a lookup and restore it after,
+ *               then raise(SIGCHLD): your handler was not told of those that ended during the wait. Starting
+ *               a background job changes no signal disposition.
  *   stdout      Every trace message is printed to standard output, unflushed. While the file
- *               /bootflash/.enable_dns_debugs exists it goes to /tmp/dnscache.log.PARTITION too.
+ *               /bootflash/.enable_dns_debugs exists it goes to /tmp/dnscache.log.PARTITION too, if that is
+ *               a regular file of your own user's, with no other link, or there is nothing yet.
  *   Children    One for each job. They are your children: wait for your own by pid, never by -1.
  *   rand()      One number is drawn by each lookup that misses the cache, and by each call that may start a
  *               background job.
- *   Memory      malloc() failing is reported by the call that needed it; GLib, which owns the list links,
- *               ends the process when it cannot have one.
+ *   Memory      malloc() failing is reported by the call that needed it. GLib ends a process that it has no
+ *               memory for; no call gets so far, but g_list_check_and_prepend() called by yourself.
+ *   errno       is left alone.
+ *
+ * docs/hygiene.md has it call by call.
  *
  * One thread, one call at a time, the completion handler included: there are no locks. Do not call from a
  * signal handler.

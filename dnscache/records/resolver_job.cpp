@@ -7,6 +7,7 @@
 
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
+#include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
 #include "dnscache/records/request_record.h"
 #include "platform/nsbind.h"
@@ -85,6 +86,7 @@ static void pack_answers(server_spawnlet_data_t *entry, struct addrinfo *answers
 
 int resolve_server_hostname(server_addr_info *request)
 {
+    const errno_guard kept;
     TRACE_ENTER();
     TRACE("resolve_server_hostname : server_addr_info %p\n", static_cast<void *>(request));
     if (rtctx_api_init() == 0)

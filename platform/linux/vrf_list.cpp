@@ -95,6 +95,7 @@ static int by_number(const void *left, const void *right)
 
 linux_vrf *linux_vrf_list(size_t *count)
 {
+    const int error = errno; /* to be left alone by a call that succeeds */
     vrf_table table = {.vrfs = nullptr, .count = 0, .is_full = false};
     add(&table, 0, LINUX_VRF_HOST);
     if (!add_namespaces(&table) || !add_devices(&table) || table.is_full) {
@@ -103,5 +104,6 @@ linux_vrf *linux_vrf_list(size_t *count)
     }
     qsort(table.vrfs, table.count, sizeof *table.vrfs, by_number);
     *count = table.count;
+    errno = error;
     return table.vrfs;
 }

@@ -1,64 +1,37 @@
 /*
- * The library on the Linux platform layer: real forks, with the scripted resolver in the children. A child
- * that has to be slow never answers; the one second of a blocking wait is the shortest there is.
+ * What jobs come to. A child that has to be slow never answers.
  */
-#include <netinet/in.h>
+#include <map>
 
-#include <filesystem>
-
-#include "dnscache/dnscache.h"
-#include "dnscache/state.h"
-#include "tests/support/jobs.h"
+#include "tests/support/real_jobs.h"
 
 extern "C" int __real_spawnlet_done(const void *buffer, uint32_t size);
 
 extern "C" int __wrap_spawnlet_done(const void *buffer, uint32_t size)
 {
+    before_hand_back();
+    if (size != sizeof(server_spawnlet_data_t))
+        return __real_spawnlet_done(buffer, size);
     char bytes[2000] = "";
     memcpy(bytes, buffer, size);
     const std::string name = static_cast<const server_spawnlet_data_t *>(buffer)->serv_name;
     return __real_spawnlet_done(bytes, name == "short.test" ? 1675 : name == "long.test" ? 1677 : size);
 }
 
-class RealJobs : public testing::Test
+extern "C" decltype(spawnlet_fork_fp_async) __real_spawnlet_fork_fp_async;
+
+static const job_way *misbehaviour; /* of the next job, in place of the resolver */
+
+extern "C" uint32_t __wrap_spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one,
+                                                  const job_options *options, FILE *in, FILE *out, FILE *err,
+                                                  uint32_t *handle)
 {
-  protected:
-    void SetUp() override
-    {
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        setenv("SCRIPT_DIR", folder, 1);
-        queue = linux_queue_create();
-        dns_cache_init(queue, 1);
-    }
-
-    void TearDown() override
-    {
-        std::filesystem::remove_all(folder);
-        destroy_dns_cache(local_cache);
-        destroy_dns_cache(job_list);
-    }
-
-    int look_up(const std::string &name)
-    {
-        struct addrinfo hints = {}, *chain = nullptr;
-        const int result = getaddrinfo_async_mq3(name.c_str(), "123", &hints, 0, &chain);
-        EXPECT_EQ(chain != nullptr, result == 0);
-        if (chain != nullptr)
-            freeaddrinfo(chain);
-        return result;
-    }
-
-    linux_completion complete_one()
-    {
-        const linux_completion done = next_completion(queue);
-        dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
-                                     done.ret_syserr);
-        return done;
-    }
-
-    char folder[30] = "/tmp/real_jobs_test.XXXXXX";
-    uint32_t queue = 0;
-};
+    if (misbehaviour == nullptr)
+        return __real_spawnlet_fork_fp_async(body, arg, one, options, in, out, err, handle);
+    const job_options own = options_for(misbehaviour->code == LINUX_JOB_TIMED_OUT ? 1 : 20);
+    return __real_spawnlet_fork_fp_async(misbehaviour->body, misbehaviour->arg, one, &own, in, out, err,
+                                         handle);
+}
 
 TEST_F(RealJobs, SlowNameIsAnsweredFromTheCacheAfterItsCompletion)
 {
@@ -104,4 +77,37 @@ TEST_F(RealJobs, TenRunAndTheEleventhIsRefused)
     EXPECT_EQ(look_up("crash.test"), -1);
     EXPECT_EQ(look_up("pair.test"), 0);
     EXPECT_EQ(running_jobs, 10);
+}
+
+/* Ten times as many in scripts/soak. */
+TEST_F(RealJobs, EveryJobEndsInOneCompletionWhateverItsChildDoes)
+{
+    const int jobs = 1000 * soak_factor();
+    const size_t descriptors = open_descriptors().size();
+    std::map<uint32_t, const job_way *> running;
+    linux_completion none;
+    for (int started = 0, completed = 0; completed < jobs;) {
+        for (; started < jobs && running.size() < MAX_SPAWNLETS; started++) {
+            signal(SIGCHLD, started / 100 % 2 == 0 ? SIG_DFL : SIG_IGN);
+            misbehaviour = &job_ways()[static_cast<size_t>(started) % job_ways().size()];
+            linux_job_counters counters;
+            ASSERT_EQ(add_entry_to_dns_cache(std::to_string(started).c_str(), 0, 0, nullptr), 0);
+            linux_jobs_started(&counters);
+            ASSERT_TRUE(running.emplace(counters.last_handle, misbehaviour).second);
+        }
+        const linux_completion done = complete_one();
+        ASSERT_EQ(running.count(done.handle), 1u);
+        const job_way &way = *running[done.handle];
+        EXPECT_EQ(done.syserr, way.code);
+        EXPECT_EQ(done.ret_syserr, way.result);
+        EXPECT_EQ(done.ret_info_size, way.size);
+        EXPECT_EQ(static_cast<size_t>(running_jobs), running.size() - 1);
+        completed += static_cast<int>(running.erase(done.handle));
+    }
+    misbehaviour = nullptr;
+    EXPECT_EQ(linux_queue_next(queue, &none), 0);
+    EXPECT_FALSE(becomes_readable(queue, 0));
+    EXPECT_EQ(job_list, nullptr);
+    EXPECT_EQ(descriptors_held(), descriptors);
+    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
 }

@@ -1,5 +1,3 @@
-#include <map>
-
 #include "tests/support/jobs.h"
 
 /* One process has one queue, for all tests that run in it. */
@@ -34,35 +32,6 @@ TEST(SpawnletQueue, RefusesWhatIsNoQueueAndASecondOne)
     EXPECT_EQ(linux_queue_next(second, &done), -1);
     EXPECT_EQ(linux_queue_next(first, &done), 0);
     close(static_cast<int>(second));
-}
-
-TEST(SpawnletQueue, EveryStartedJobEndsInOneCompletion)
-{
-    for (const sighandler_t disposition : {SIG_DFL, SIG_IGN}) {
-        signal(SIGCHLD, disposition);
-        const size_t descriptors_before = (the_queue(), open_descriptors().size());
-        std::map<uint32_t, const job_way *> waiting;
-        for (int i = 0; i < 3; i++)
-            for (const job_way &way : job_ways())
-                waiting[start_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20)] = &way;
-        EXPECT_EQ(waiting.size(), 3 * job_ways().size());
-        while (!waiting.empty()) {
-            const linux_completion done = next_completion(the_queue());
-            ASSERT_EQ(waiting.count(done.handle), 1u);
-            EXPECT_EQ(done.syserr, waiting[done.handle]->code);
-            EXPECT_EQ(done.ret_syserr, waiting[done.handle]->result);
-            EXPECT_EQ(done.ret_info_size, waiting[done.handle]->size);
-            waiting.erase(done.handle);
-        }
-        linux_completion none;
-        EXPECT_EQ(linux_queue_next(the_queue(), &none), 0);
-        EXPECT_FALSE(becomes_readable(the_queue(), 0));
-        EXPECT_TRUE(eventually([descriptors_before, &none] {
-            linux_queue_next(the_queue(), &none); /* reaps */
-            return open_descriptors().size() == descriptors_before;
-        }));
-        EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
-    }
 }
 
 TEST(SpawnletQueue, AnAnswerThatCameInTimeIsOneHoweverLateTheHostLooks)

@@ -139,6 +139,25 @@ static inline int garble(void *words)
     return static_cast<int>(write(job_channel(), words, 12));
 }
 
+/* Half a message, then nothing. */
+static inline int tear(void *)
+{
+    const std::string half(LINUX_HANDBACK_MAX / 2, 't');
+    const frame_header header = {FRAME_HANDBACK, LINUX_HANDBACK_MAX};
+    return static_cast<int>(write(job_channel(), &header, sizeof header) +
+                            write(job_channel(), half.data(), half.size())) > 0
+               ? raise(SIGKILL)
+               : 0;
+}
+
+/* A child of the job's own holds the channel for some time. */
+static inline int leave_a_holder(void *job_ends)
+{
+    if (fork() == 0)
+        alarm(2), pause();
+    return job_ends != nullptr ? raise(SIGKILL) : 0;
+}
+
 struct job_way {
     spawnlet_body_t body;
     void *arg;
@@ -163,11 +182,30 @@ static inline const std::vector<job_way> &job_ways()
         {[](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); }, nullptr, 0, 0, 4});
     ways.push_back({[](void *) -> int { _exit(0); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
     ways.push_back({crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back({tear, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back({[](void *) { return spawnlet_done("last", 4) + raise(SIGKILL); }, nullptr,
+                    LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back({[](void *) -> int { abort(); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back({leave_a_holder, nullptr, 0, 0, 0});
+    ways.push_back({leave_a_holder, &sizes, LINUX_JOB_NO_RESULT, 0, 0});
     ways.push_back(
         {[](void *) -> int { return raise(SIGSTOP), pause(); }, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
     ways.push_back({hang, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
+    ways.push_back({[](void *) -> int {
+                        for (volatile bool busy = true; busy;)
+                            ;
+                        return 0;
+                    },
+                    nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
     ways.push_back({flood, nullptr, LINUX_JOB_TOO_LARGE, 0, 0});
     return ways;
+}
+
+/* How many times as long scripts/soak does what the tests do. */
+static inline int soak_factor()
+{
+    const char *factor = getenv("SOAK");
+    return factor != nullptr ? atoi(factor) : 1;
 }
 
 /* Waits for an event that has no descriptor. */

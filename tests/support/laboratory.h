@@ -56,7 +56,8 @@ static inline std::string addresses_in(const struct addrinfo *chain)
 static inline std::string own_addresses(int vrf)
 {
     const std::string number = std::to_string(vrf);
-    return "192.0.2." + number + (vrf == 0 || vrf == 2 ? vrf == 0 ? " 2001:db8::" : "" : " 2001:db8::" + number);
+    return "192.0.2." + number +
+           (vrf == 0 || vrf == 2 ? vrf == 0 ? " 2001:db8::" : "" : " 2001:db8::" + number);
 }
 
 /* The addresses of a name, sorted, or the code in brackets. */

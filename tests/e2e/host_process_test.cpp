@@ -1,0 +1,371 @@
+/*
+ * What the library does to the process that it is linked into, and to that process's own children.
+ */
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/time.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "tests/support/real_jobs.h"
+
+static std::string content(const std::string &path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/* Hygiene: docs/hygiene.md has the table that is made here. */
+
+using contents = std::set<std::string>;
+
+static const char *const columns[] = {"signals", "mask",        "timers", "descriptors", "children",
+                                      "folder",  "environment", "umask",  "errno"};
+using snapshot = std::array<contents, std::size(columns)>;
+
+static contents words_of(const std::string &text)
+{
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+static contents dispositions()
+{
+    contents found;
+    for (int number = 1; number < NSIG; number++) {
+        struct sigaction action = {};
+        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_DFL)
+            found.insert(std::string(number == SIGCHLD ? "SIGCHLD" : strsignal(number)) +
+                         (action.sa_handler == SIG_IGN ? " ignored" : " handled"));
+    }
+    return found;
+}
+
+static contents descriptors()
+{
+    contents found;
+    for (const int fd : open_descriptors())
+        found.insert(std::to_string(fd) +
+                     std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+    return found;
+}
+
+static contents children()
+{
+    return words_of(content("/proc/thread-self/children"));
+}
+
+static contents timers()
+{
+    contents found = words_of(content("/proc/self/timers"));
+    for (const auto which : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF}) {
+        struct itimerval timer;
+        if (getitimer(which, &timer) == 0 && timerisset(&timer.it_value))
+            found.insert(std::to_string(which));
+    }
+    return found;
+}
+
+static snapshot take_snapshot(int error)
+{
+    const std::string status = content("/proc/self/status");
+    contents environment;
+    for (char **variable = environ; *variable != nullptr; variable++)
+        environment.insert(*variable);
+    return {dispositions(),
+            {status.substr(status.find("SigBlk:"), 24)},
+            timers(),
+            descriptors(),
+            children(),
+            {std::filesystem::current_path()},
+            environment,
+            {status.substr(status.find("Umask:"), 11)},
+            {std::to_string(error)}};
+}
+
+static std::string difference(const contents &before, const contents &after)
+{
+    std::vector<std::string> more, fewer;
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(more));
+    std::set_difference(before.begin(), before.end(), after.begin(), after.end(), std::back_inserter(fewer));
+    if (more.empty() && fewer.empty())
+        return "-";
+    if (!more.empty() && !isdigit(more[0][0]))
+        return more[0];
+    return (more.empty() ? "" : "+" + std::to_string(more.size())) +
+           (fewer.empty() ? "" : "-" + std::to_string(fewer.size()));
+}
+
+static uint32_t the_queue;
+static linux_completion taken;
+static GList *a_list;
+static server_spawnlet_data_t record; /* empty */
+static bool log_is_switched_on;
+
+extern "C" int __real_stat(const char *path, struct stat *status);
+extern "C" int __wrap_stat(const char *path, struct stat *status)
+{
+    if (log_is_switched_on && strcmp(path, "/bootflash/.enable_dns_debugs") == 0)
+        return 0;
+    return __real_stat(path, status);
+}
+
+static void init()
+{
+    the_queue = linux_queue_create();
+    dns_cache_init(the_queue, 1);
+}
+
+static void look_up(const char *name)
+{
+    struct addrinfo hints = {}, *chain = nullptr;
+    if (getaddrinfo_async_mq3(name, "123", &hints, 0, &chain) == 0)
+        freeaddrinfo(chain);
+}
+
+static void cache_one()
+{
+    init();
+    look_up("pair.test");
+    signal(SIGCHLD, SIG_DFL);
+}
+
+static void finish_one()
+{
+    init();
+    add_entry_to_dns_cache("pair.test", 123, 0, nullptr);
+    becomes_readable(the_queue);
+}
+
+static const struct row {
+    const char *call;
+    void (*prepare)();
+    void (*make)();
+    size_t children_after = 0, children_before = 0;
+} rows[] = {
+    {"getaddrinfo_async_mq3: refused", init, [] { getaddrinfo_async_mq3(nullptr, "", nullptr, 0, nullptr); }},
+    {"getaddrinfo_async_mq3: a hit", cache_one, [] { look_up("pair.test"); }},
+    {"getaddrinfo_async_mq3: a miss", init, [] { look_up("pair.test"); }},
+    {"getaddrinfo_async_mq3: no such name", init, [] { look_up("nosuch.test"); }},
+    {"getaddrinfo_async_mq3: -3, while the job runs", init, [] { look_up("stuck.test"); }, 1},
+    {"dns_cache_init", [] { the_queue = linux_queue_create(); }, [] { dns_cache_init(the_queue, 1); }},
+    {"dns_cache_set_timeout", init, [] { dns_cache_set_timeout(1); }},
+    {"dnscache_spawnletcb_job_done", [] { finish_one(), linux_queue_next(the_queue, &taken); },
+     [] { dnscache_spawnletcb_job_done(taken.handle, 0, taken.ret_info, taken.ret_info_size, 0); }},
+    {"check_local_cache", cache_one,
+     [] {
+         struct addrinfo *chain = nullptr;
+         check_local_cache(local_cache, "pair.test:123:0", &chain);
+         freeaddrinfo(chain);
+     }},
+    {"refresh_dns_cache", cache_one, refresh_dns_cache},
+    {"refresh_dns_cache: expired, while the job runs",
+     [] {
+         cache_one();
+         snprintf(static_cast<server_spawnlet_data_t *>(local_cache->data)->serv_name, 20, "stuck.test");
+         dns_cache_set_timeout(-1);
+     },
+     refresh_dns_cache, 1},
+    {"add_entry_to_dns_cache: while the job runs", init,
+     [] { add_entry_to_dns_cache("stuck.test", 123, 0, nullptr); }, 1},
+    {"remove_old_entries_from_local_cache", cache_one, remove_old_entries_from_local_cache},
+    {"remove_entry_from_dns_cache", cache_one, [] { remove_entry_from_dns_cache("pair.test"); }},
+    {"g_list_check_and_prepend", init, [] { a_list = g_list_check_and_prepend(&a_list, malloc(1), 10); }},
+    {"free_node", init, [] { free_node(malloc(1)); }},
+    {"destroy_dns_cache", cache_one, [] { destroy_dns_cache(local_cache), local_cache = nullptr; }},
+    {"server_addr_init", init,
+     [] {
+         server_addr_info request;
+         server_addr_init("pair.test", "123", nullptr, 0, &request);
+     }},
+    {"resolve_server_hostname", init,
+     [] {
+         server_addr_info request;
+         server_addr_init("nosuch.test", "123", nullptr, 0, &request);
+         resolve_server_hostname(&request);
+     }},
+    {"get_list_length", init, [] { get_list_length(nullptr); }},
+    {"get_res_back", init,
+     [] {
+         struct addrinfo *chain;
+         get_res_back(&record, &chain);
+     }},
+    {"server_spawnlet_data_display", init, [] { server_spawnlet_data_display(&record); }},
+    {"display_ip_addrs", init, [] { display_ip_addrs(nullptr); }},
+    {"display_sockaddr", init, [] { display_sockaddr(reinterpret_cast<struct sockaddr *>(&record)); }},
+    {"get_sock_in_addr", init, [] { get_sock_in_addr(nullptr); }},
+    {"dnscache_wait_for_child: none of yours", init, [] { dnscache_wait_for_child(1); }},
+    {"dnscache_wait_for_child: one of yours",
+     [] {
+         init();
+         if (fork() == 0)
+             _exit(0);
+     },
+     [] { dnscache_wait_for_child(std::stoi(*children().begin())); }, 0, 1},
+    {"any that traces: the first time that the debug log is on", [] { init(), log_is_switched_on = true; },
+     [] { get_sock_in_addr(nullptr); }},
+    {"linux_queue_create", [] {}, [] { linux_queue_create(); }},
+    {"linux_queue_next: nothing there", init, [] { linux_queue_next(the_queue, &taken); }},
+    {"linux_jobs_started", init,
+     [] {
+         linux_job_counters counters;
+         linux_jobs_started(&counters);
+     }},
+    {"linux_history_enable", init, [] { linux_history_enable(1); }},
+    {"linux_history_read", [] { init(), linux_history_enable(1); },
+     [] {
+         uint64_t cursor = 0;
+         linux_history_record entry;
+         linux_history_read(&cursor, &entry);
+     }},
+    {"linux_debug_enable", init, [] { linux_debug_enable(1); }},
+    {"linux_vrf_list", init,
+     [] {
+         size_t count;
+         free(linux_vrf_list(&count));
+     }},
+    {"linux_partition_set", init, [] { linux_partition_set(60001); }},
+};
+
+/* A child that has handed its answer over has yet to leave, and to be reaped. */
+static void let_leave(size_t remaining)
+{
+    linux_completion none;
+    EXPECT_TRUE(eventually(
+        [remaining] { return children().size() <= remaining || waitpid(-1, nullptr, WNOHANG) < 0; }));
+    EXPECT_NE(linux_queue_next(the_queue, &none), 1);
+}
+
+static std::string line_of(const row &row)
+{
+    constexpr int sentinel = 4242;
+    row.prepare();
+    let_leave(row.children_before);
+    const snapshot before = take_snapshot(sentinel);
+    errno = sentinel;
+    row.make();
+    const int error = errno;
+    let_leave(row.children_after);
+    const snapshot after = take_snapshot(error);
+    std::string line = std::string("| ") + row.call + " |";
+    for (size_t i = 0; i < std::size(columns); i++)
+        line += " " + difference(before[i], after[i]) + " |";
+    return line;
+}
+
+/* Each call is made in a process that has just begun. */
+TEST(HostProcess, IsChangedAsTheManualSays)
+{
+    using text = std::array<char, 1000>;
+    auto *line = shared<text>();
+    std::string table = "| call |", rule = "|---|", manual, documented;
+    for (const char *column : columns)
+        table += std::string(" ") + column + " |", rule += "---|";
+    table += "\n" + rule + "\n";
+    linux_partition_set(static_cast<uint32_t>(getpid()));
+    for (const row &row : rows) {
+        SCOPED_TRACE(row.call);
+        EXPECT_TRUE(in_its_own_process([&] {
+            snprintf(line->data(), line->size(), "%s", line_of(row).c_str());
+            return !testing::Test::HasFailure();
+        }));
+        table += std::string(line->data()) + "\n";
+    }
+    std::istringstream lines(content(HYGIENE));
+    while (std::getline(lines, manual))
+        documented += manual.starts_with("|") ? manual + "\n" : "";
+    EXPECT_EQ(documented, table);
+    remove(("/tmp/dnscache.log." + std::to_string(getpid() & 0xffff)).c_str());
+}
+
+/* The host's own children, which it waits for in every way, while lookups go on. */
+
+static pid_t released_in_a_job; /* a stopped child of the host */
+
+/* It ends while the job runs, and the lookup is waiting. */
+void before_hand_back()
+{
+    const std::string stat = "/proc/" + std::to_string(released_in_a_job) + "/stat";
+    if (released_in_a_job > 0 && kill(released_in_a_job, SIGCONT) == 0)
+        eventually([&] { return content(stat).find(") Z ") != std::string::npos; });
+}
+
+static pid_t stopped_child(int code)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        raise(SIGSTOP);
+        _exit(code);
+    }
+    waitpid(pid, nullptr, WUNTRACED);
+    return pid;
+}
+
+/* As the manual says: with the host's own way to be told restored, and as if told of what it may have missed. */
+static void look_up_as_a_good_host(pid_t child)
+{
+    struct sigaction own;
+    sigaction(SIGCHLD, nullptr, &own);
+    released_in_a_job = child;
+    look_up("pair.test");
+    released_in_a_job = 0;
+    sigaction(SIGCHLD, &own, nullptr);
+    raise(SIGCHLD);
+    remove_entry_from_dns_cache("pair.test");
+}
+
+static int by_waitpid(int code)
+{
+    int status = -1;
+    const pid_t pid = stopped_child(code);
+    look_up_as_a_good_host(pid);
+    return waitpid(pid, &status, 0) == pid ? status : -1;
+}
+
+static int by_child_watch(int code)
+{
+    int status = -1;
+    const pid_t pid = stopped_child(code);
+    const auto note = [](GPid, gint ended, gpointer out) { *static_cast<int *>(out) = ended; };
+    g_child_watch_add(pid, note, &status);
+    look_up_as_a_good_host(pid);
+    while (status < 0)
+        g_main_context_iteration(nullptr, TRUE);
+    return status;
+}
+
+static int by_popen(int code)
+{
+    char pid[20] = "";
+    FILE *output = popen(("echo $$; kill -s STOP $$; exit " + std::to_string(code)).c_str(), "r");
+    if (fgets(pid, sizeof pid, output) == nullptr)
+        return -1;
+    waitpid(atoi(pid), nullptr, WUNTRACED);
+    look_up_as_a_good_host(atoi(pid));
+    return pclose(output);
+}
+
+/* A job in the background ends under it. */
+static int by_system(int code)
+{
+    EXPECT_EQ(add_entry_to_dns_cache("nosuch.test", code, 0, nullptr), 0);
+    const int status = system(("exit " + std::to_string(code)).c_str());
+    linux_completion done = next_completion(the_queue);
+    dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
+                                 done.ret_syserr);
+    return status;
+}
+
+TEST(HostProcess, KeepsTheExitCodesOfItsOwnChildren)
+{
+    init();
+    int stolen = 0;
+    for (int i = 0; i < 1000; i++) {
+        int (*const ways[])(int) = {by_waitpid, by_child_watch, by_popen, by_system};
+        const int code = 1 + i % 100, status = ways[i % 4](code);
+        stolen += !WIFEXITED(status) || WEXITSTATUS(status) != code;
+    }
+    EXPECT_EQ(stolen, 0);
+}

@@ -1,0 +1,68 @@
+/*
+ * real_jobs.h: for tests of the library on the Linux platform layer: real forks, with the scripted resolver in the
+ * children.
+ */
+#ifndef TESTS_SUPPORT_REAL_JOBS_H
+#define TESTS_SUPPORT_REAL_JOBS_H
+
+#include <filesystem>
+
+#include "dnscache/dnscache.h"
+#include "dnscache/state.h"
+#include "tests/support/jobs.h"
+
+/* In the child of a job. */
+void before_hand_back();
+
+/* One second is the shortest blocking wait there is. */
+class RealJobs : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        setenv("SCRIPT_DIR", folder, 1);
+        queue = linux_queue_create();
+        dns_cache_init(queue, 1);
+    }
+
+    void TearDown() override
+    {
+        std::filesystem::remove_all(folder);
+        destroy_dns_cache(local_cache);
+        destroy_dns_cache(job_list);
+    }
+
+    int look_up(const char *name)
+    {
+        struct addrinfo hints = {}, *chain = nullptr;
+        const int result = getaddrinfo_async_mq3(name, "123", &hints, 0, &chain);
+        EXPECT_EQ(chain != nullptr, result == 0);
+        if (chain != nullptr)
+            freeaddrinfo(chain);
+        return result;
+    }
+
+    linux_completion complete_one()
+    {
+        const linux_completion done = next_completion(queue);
+        dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
+                                     done.ret_syserr);
+        return done;
+    }
+
+    /* Once the children that are over have left. */
+    size_t descriptors_held()
+    {
+        linux_completion none;
+        while (waitpid(-1, nullptr, WNOHANG) == 0)
+            poll(nullptr, 0, 1);
+        linux_queue_next(queue, &none);
+        return open_descriptors().size();
+    }
+
+    char folder[30] = "/tmp/real_jobs_test.XXXXXX";
+    uint32_t queue = 0;
+};
+
+#endif
