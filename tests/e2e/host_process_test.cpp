@@ -5,17 +5,10 @@
 #include <glib.h>
 #include <sys/time.h>
 
-#include <fstream>
 #include <map>
 #include <sstream>
 
 #include "tests/support/real_jobs.h"
-
-static std::string content(const std::string &path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /* Hygiene: docs/hygiene.md has the table that is made here. */
 
@@ -54,12 +47,12 @@ static contents descriptors()
 
 static contents children()
 {
-    return words_of(content("/proc/thread-self/children"));
+    return words_of(content_of("/proc/thread-self/children"));
 }
 
 static contents timers()
 {
-    contents found = words_of(content("/proc/self/timers"));
+    contents found = words_of(content_of("/proc/self/timers"));
     for (const auto which : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF}) {
         struct itimerval timer;
         if (getitimer(which, &timer) == 0 && timerisset(&timer.it_value))
@@ -70,7 +63,7 @@ static contents timers()
 
 static snapshot take_snapshot(int error)
 {
-    const std::string status = content("/proc/self/status");
+    const std::string status = content_of("/proc/self/status");
     contents environment;
     for (char **variable = environ; *variable != nullptr; variable++)
         environment.insert(*variable);
@@ -102,7 +95,7 @@ static uint32_t the_queue;
 static linux_completion taken;
 static GList *a_list;
 static server_spawnlet_data_t record; /* empty */
-static bool log_is_switched_on;
+bool log_is_switched_on;
 
 extern "C" int __real_stat(const char *path, struct stat *status);
 extern "C" int __wrap_stat(const char *path, struct stat *status)
@@ -273,7 +266,7 @@ TEST(HostProcess, IsChangedAsTheManualSays)
         }));
         table += std::string(line->data()) + "\n";
     }
-    std::istringstream lines(content(HYGIENE));
+    std::istringstream lines(content_of(HYGIENE));
     while (std::getline(lines, manual))
         documented += manual.starts_with("|") ? manual + "\n" : "";
     EXPECT_EQ(documented, table);
@@ -289,7 +282,7 @@ void before_hand_back()
 {
     const std::string stat = "/proc/" + std::to_string(released_in_a_job) + "/stat";
     if (released_in_a_job > 0 && kill(released_in_a_job, SIGCONT) == 0)
-        eventually([&] { return content(stat).find(") Z ") != std::string::npos; });
+        eventually([&] { return content_of(stat).find(") Z ") != std::string::npos; });
 }
 
 static pid_t stopped_child(int code)

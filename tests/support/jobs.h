@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -32,6 +33,12 @@ static inline job_options options_for(int32_t timeout_secs)
     options.timeout_secs = timeout_secs;
     options.option_flag = 1;
     return options;
+}
+
+static inline std::string content_of(const std::string &path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 /* What a job came to. */

@@ -6,7 +6,6 @@
 
 #include <netinet/in.h>
 
-#include <fstream>
 #include <set>
 
 #include "dnscache/dnscache.h"
@@ -20,17 +19,11 @@ static inline bool shell(const std::string &command)
     return system(command.c_str()) == 0;
 }
 
-static inline std::string text_of(const std::string &path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 /* Packets that came out of the wire of a VRF, at the side of its name server. */
 static inline int packets(int vrf)
 {
-    const std::string server = text_of("/run/server" + std::to_string(vrf) + ".pid");
-    const std::string counters = text_of("/proc/" + std::to_string(atoi(server.c_str())) + "/net/dev");
+    const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");
+    const std::string counters = content_of("/proc/" + std::to_string(atoi(server.c_str())) + "/net/dev");
     int received = -1;
     const size_t wire = counters.find("wire:");
     if (wire != std::string::npos)

@@ -14,6 +14,9 @@
 /* In the child of a job. */
 void before_hand_back();
 
+/* In place of the marker file. */
+extern bool log_is_switched_on;
+
 /* One second is the shortest blocking wait there is. */
 class RealJobs : public testing::Test
 {

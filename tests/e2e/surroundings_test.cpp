@@ -1,0 +1,143 @@
+/*
+ * Hostile surroundings of a daemon: a folder for the debug log that everybody writes to, a full disk, a standard output
+ * that is closed or that nobody reads any more.
+ */
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+
+#include "tests/support/real_jobs.h"
+
+static constexpr char message[] = "sa is NULL";
+
+static void trace()
+{
+    get_sock_in_addr(nullptr);
+}
+
+static bool has_message(const std::string &path)
+{
+    return content_of(path).find(message) != std::string::npos;
+}
+
+static std::string log_path()
+{
+    return "/tmp/dnscache.log." + std::to_string(getpid() & 0xffff);
+}
+
+static bool shell(const std::string &command)
+{
+    return system(("cd /tmp && log=" + log_path() + " && target=/tmp/target.$PPID && " + command).c_str()) ==
+           0;
+}
+
+/* All four sinks, of which three are files here. */
+static bool only_log_is_missing(const std::string &log)
+{
+    uint64_t cursor = 0;
+    linux_history_record entry;
+    alarm(20);
+    log_is_switched_on = true;
+    linux_history_enable(1);
+    linux_debug_enable(1);
+    FILE *output = tmpfile(), *error = tmpfile();
+    dup2(fileno(output), STDOUT_FILENO);
+    dup2(fileno(error), STDERR_FILENO);
+    trace();
+    fflush(stdout);
+    return log_file == nullptr && log == file_name && linux_history_read(&cursor, &entry) == 1 &&
+           has_message("/proc/self/fd/1") && has_message("/proc/self/fd/2");
+}
+
+TEST(Surroundings, APlantedLogIsNeitherWaitedForNorWrittenTo)
+{
+    const struct {
+        const char *plant;
+        bool takes_root;
+    } cases[] = {
+        {"ln -s $target $log", false},
+        {"ln -s /tmp/nowhere.$PPID $log", false},
+        {"ln $target $log", false},
+        {"mkfifo $log", false},
+        {"mkdir $log", false},
+        {"mknod $log c 1 3", true},
+        {"touch $log && chown 65534 $log", true},
+    };
+    const std::string log = log_path();
+    linux_partition_set(static_cast<uint32_t>(getpid()));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.plant);
+        if (c.takes_root && geteuid() != 0)
+            continue;
+        ASSERT_TRUE(shell("rm -rf $log && : > $target && " + std::string(c.plant)));
+        EXPECT_TRUE(in_its_own_process([&] { return only_log_is_missing(log); }));
+        EXPECT_TRUE(shell("test ! -s $target -a ! -e /tmp/nowhere.$PPID && rm -r $target $log"));
+        EXPECT_TRUE(in_its_own_process([&] {
+            log_is_switched_on = true;
+            trace();
+            return has_message(log);
+        }));
+    }
+    remove(log_path().c_str());
+}
+
+TEST(Surroundings, AFullDiskCostsTheLogItsText)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root, to make a small disk";
+    EXPECT_TRUE(in_its_own_process([] {
+        const bool is_small = unshare(CLONE_NEWNS) == 0 &&
+                              mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                              mount("none", "/tmp", "tmpfs", 0, "size=4k") == 0;
+        log_is_switched_on = true;
+        for (int i = 0; i < 1000; i++) /* much more than it takes */
+            trace();
+        const std::string log = file_name;
+        const size_t most = content_of(log).size();
+        EXPECT_EQ(truncate(log.c_str(), 0), 0);
+        trace();
+        return is_small && most <= 4096 && has_message(log);
+    }));
+}
+
+TEST_F(RealJobs, ResolveThoughNobodyReadsWhatTheHostPrints)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    for (const bool is_closed : {true, false})
+        EXPECT_TRUE(in_its_own_process([&] {
+            signal(SIGPIPE, SIG_IGN);
+            setvbuf(stdout, nullptr, _IONBF, 0);
+            is_closed ? close(STDOUT_FILENO) : dup2(ends[1], STDOUT_FILENO);
+            log_is_switched_on = false;
+            const uint32_t handle = add_entry_to_dns_cache("pair.test", 1, 0, nullptr) == 0;
+            return handle != 0 && complete_one().syserr == 0 && look_up("pair.test") == 0 &&
+                   local_cache != nullptr;
+        }));
+    close(ends[1]);
+}
+
+/* Through the key, the child and its record, the cache and every trace, as they are or cut, and never as a format. */
+TEST_F(RealJobs, TakeAnyNameForWhatItIs)
+{
+    const std::string names[] = {"any-%n%n%s%s%999999d",         "any-\033[2J\a\r\n\b",
+                                 "any-\"'`$(reboot)\\",          "any-\xff\xfe\x80\xc3",
+                                 "any-" + std::string(596, 'x'), "any-:1:2"};
+    linux_partition_set(static_cast<uint32_t>(getpid()));
+    log_is_switched_on = true;
+    for (const std::string &name : names) {
+        SCOPED_TRACE(name);
+        ASSERT_EQ(look_up(name.c_str()), 0);
+        const auto *record = static_cast<const server_spawnlet_data_t *>(local_cache->data);
+        EXPECT_EQ(record->serv_name, name.substr(0, 511));
+        EXPECT_EQ(record->serv_id, (name + ":123:0").substr(0, 98));
+        const std::string log = content_of(log_path());
+        EXPECT_NE(log.find("cache id = " + (name + ":123:0").substr(0, 98) + "\n"), log.npos);
+        EXPECT_NE(log.find("serv_name : " + name.substr(0, 511) + "\n"), log.npos);
+        EXPECT_EQ(look_up(name.c_str()), 0);
+        remove_entry_from_dns_cache(name.c_str());
+        EXPECT_EQ(local_cache, nullptr);
+    }
+    remove(log_path().c_str());
+}
