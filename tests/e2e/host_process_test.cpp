@@ -362,3 +362,42 @@ TEST(HostProcess, KeepsTheExitCodesOfItsOwnChildren)
     }
     EXPECT_EQ(stolen, 0);
 }
+
+static size_t resident_bytes()
+{
+    size_t pages = 0;
+    sscanf(content_of("/proc/self/statm").c_str(), "%*u %zu", &pages);
+    return pages * static_cast<size_t>(getpagesize());
+}
+
+static void serve(int hits, int misses)
+{
+    for (int i = 0; i < misses; i++) {
+        remove_entry_from_dns_cache("pair.test");
+        look_up("pair.test");
+    }
+    for (int i = 0; i < hits; i++)
+        look_up("pair.test");
+}
+
+/* Ten times as often in scripts/soak. */
+TEST_F(RealJobs, LeaveTheHostAsItWasHoweverManyThereAre)
+{
+    const int output = dup(STDOUT_FILENO), nowhere = open("/dev/null", O_WRONLY);
+    dup2(nowhere, STDOUT_FILENO);
+    size_t memory = 0, held = 0;
+    for (int i = 0; i < 2; i++) { /* the first time all code is new, that of this test too */
+        serve(1000, 100);
+        held = descriptors_held();
+        memory = resident_bytes();
+    }
+    serve(100'000 * soak_factor(), 2'000 * soak_factor());
+    const size_t held_now = descriptors_held(), memory_now = resident_bytes();
+    fflush(stdout);
+    dup2(output, STDOUT_FILENO);
+    EXPECT_EQ(held_now, held);
+    EXPECT_TRUE(children().empty());
+#ifndef __SANITIZE_ADDRESS__ /* which keeps what was freed */
+    EXPECT_LT(memory_now, memory + (64 << 10));
+#endif
+}
