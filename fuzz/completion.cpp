@@ -1,10 +1,11 @@
 /*
  * completion.cpp: completions whose five values are all hostile, and everything that then meets what they left in
- * the cache. Eight bytes of settings and a record each; or the record before, once more under other names.
+ * the cache. Eight bytes of settings and a record each; or the record before, once more.
  */
 #include <string.h>
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 #include "dnscache/state.h"
@@ -14,27 +15,21 @@
 struct settings {
     uint8_t handle;
     uint8_t failing_malloc;
-    uint8_t times; /* how often, each time under another name */
-    uint8_t clock; /* in minutes, signed */
+    uint8_t times;  /* how often, each time under another name and handle */
+    int8_t minutes; /* that the clock moves */
     uint8_t refused;
     uint8_t
-        result;   /* bit 0: the body failed; 1: no buffer; 2: the record before; 3: the job service failed */
-    uint8_t size; /* 0: a record; else so many bytes more, or fewer */
-    uint8_t then; /* bit 0: refresh; 1: purge; 2: remove by name; 3: forget all background jobs */
+        result;    /* bit 0: the body failed; 1: no buffer; 2: the record before; 3: the job service failed */
+    int8_t excess; /* of the buffer's size over a record's */
+    uint8_t then;  /* bit 0: refresh; 1: purge; 2: remove by name; 3: all background jobs end */
 };
-
-template <size_t size>
-static bool is_terminated(const char (&field)[size])
-{
-    return memchr(field, '\0', size) != nullptr;
-}
 
 static void check_state()
 {
     for (const GList *link = local_cache; link != nullptr; link = link->next) {
         const auto *record = static_cast<const server_spawnlet_data_t *>(link->data);
-        REQUIRE(is_terminated(record->serv_id) && is_terminated(record->serv_name));
-        REQUIRE(is_terminated(record->service) && record->num_entries >= 0);
+        REQUIRE(strnlen(record->serv_id, 524) < 524 && strnlen(record->serv_name, 512) < 512);
+        REQUIRE(strnlen(record->service, 12) < 12 && record->num_entries >= 0);
         server_spawnlet_data_display(record);
     }
     REQUIRE(g_list_length(local_cache) <= MAX_CACHE_ENTRIES);
@@ -42,33 +37,28 @@ static void check_state()
     REQUIRE(platform.connected);
 }
 
-/* Touches what a caller may touch. */
+/* Copies what a caller may read, then releases it. */
 static void use_chain(struct addrinfo *chain)
 {
-    uint8_t sum = 0;
     int count = 0;
     for (const struct addrinfo *node = chain; node != nullptr; node = node->ai_next, count++) {
-        for (socklen_t i = 0; i < node->ai_addrlen; i++)
-            sum ^= reinterpret_cast<const uint8_t *>(node->ai_addr)[i];
+        const auto *address = reinterpret_cast<const uint8_t *>(node->ai_addr);
+        const std::vector<uint8_t> copy(address, address + node->ai_addrlen);
+        REQUIRE(copy.size() <= 32);
         display_sockaddr(node->ai_addr);
         REQUIRE(node->ai_canonname == nullptr || strlen(node->ai_canonname) <= 64);
     }
-    printf("%d", sum);
     REQUIRE(count <= 4 && get_list_length(chain) == count);
-    display_ip_addrs(chain);
     if (chain != nullptr)
         freeaddrinfo(chain);
 }
 
-static void look_up(server_spawnlet_data_t record)
+static void look_up(const server_spawnlet_data_t &record)
 {
-    record.serv_id[sizeof record.serv_id - 1] = '\0';
-    record.serv_name[sizeof record.serv_name - 1] = '\0';
-    record.service[sizeof record.service - 1] = '\0';
+    const struct addrinfo hints = {};
     struct addrinfo *chain = nullptr;
     check_local_cache(local_cache, record.serv_id, &chain);
     use_chain(chain);
-    const struct addrinfo hints = {};
     chain = nullptr;
     const int rc = getaddrinfo_async_mq3(record.serv_name, record.service, &hints, record.vrf, &chain);
     REQUIRE((rc == 0) == (chain != nullptr));
@@ -76,32 +66,33 @@ static void look_up(server_spawnlet_data_t record)
     add_entry_to_dns_cache(record.serv_name, record.service[0], record.vrf, nullptr);
 }
 
-static void complete(const settings &settings, uint32_t handle, const server_spawnlet_data_t &record)
+static void complete(const settings &settings, uint32_t handle, server_spawnlet_data_t record)
 {
-    const uint32_t size =
-        static_cast<uint32_t>(sizeof record) + static_cast<uint32_t>(static_cast<int8_t>(settings.size) * 14);
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    std::vector<uint8_t> block(bytes, bytes + std::min<size_t>(size, sizeof record));
-    void *buffer = (settings.result & 2) != 0 ? nullptr : block.data();
-    const uint32_t syserr = (settings.result & 8) != 0 ? 0x501 : 0;
-    platform.blocking = {syserr, buffer, size, -(settings.result & 1)};
+    const auto size = static_cast<uint32_t>(int{sizeof record} + settings.excess * 13);
+    std::vector<uint8_t> block(std::min<size_t>(size, sizeof record));
+    memcpy(block.data(), &record, block.size());
+    platform.blocking = {.syserr = (settings.result & 8) != 0 ? 0x501u : 0,
+                         .ret_info = (settings.result & 2) != 0 ? nullptr : block.data(),
+                         .ret_info_size = size,
+                         .ret_syserr = -(settings.result & 1)};
+    const job_result &result = platform.blocking;
     platform.failing_malloc = settings.failing_malloc;
-    dnscache_spawnletcb_job_done(handle, syserr, buffer, size, -(settings.result & 1));
+    dnscache_spawnletcb_job_done(handle, result.syserr, result.ret_info, size, result.ret_syserr);
+    record.serv_id[523] = record.serv_name[511] = record.service[11] = '\0';
     look_up(record);
     platform.failing_malloc = 0;
     check_state();
 }
 
-static void maintain(const settings &settings, server_spawnlet_data_t *record)
+static void maintain(const settings &settings, const std::string &name)
 {
-    platform.now += static_cast<int8_t>(settings.clock) * 60;
-    record->serv_name[sizeof record->serv_name - 1] = '\0';
+    platform.now += settings.minutes * 60;
     if ((settings.then & 1) != 0)
         refresh_dns_cache();
     if ((settings.then & 2) != 0)
         remove_old_entries_from_local_cache();
     if ((settings.then & 4) != 0)
-        remove_entry_from_dns_cache(record->serv_name);
+        remove_entry_from_dns_cache(name.c_str());
     for (uint32_t handle = 1; (settings.then & 8) != 0 && handle <= HANDLES; handle++)
         dnscache_spawnletcb_job_done(handle, 0x501, nullptr, 0, 0);
     check_state();
@@ -122,7 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             complete(settings, settings.handle + i, record);
             record.serv_id[0] = record.serv_name[0] = static_cast<char>('0' + i);
         }
-        maintain(settings, &record);
+        maintain(settings, std::string(record.serv_name, strnlen(record.serv_name, 511)));
     }
     reset_world();
     return 0;

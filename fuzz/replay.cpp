@@ -1,6 +1,6 @@
 /*
- * replay.cpp: what stands in for the fuzzer elsewhere: each file named, or each file of a folder, goes through
- * the target once.
+ * replay.cpp: what stands in for the fuzzer elsewhere. Each file named, or in a folder named, goes through the
+ * target once.
  */
 #include <filesystem>
 #include <fstream>
@@ -11,32 +11,30 @@
 
 namespace fs = std::filesystem;
 
-static void replay(const fs::path &file)
+static int replay(const fs::path &path)
 {
-    fprintf(stderr, "%s\n", file.filename().c_str());
-    std::ifstream in(file, std::ios::binary);
+    int inputs = 0;
+    if (fs::is_directory(path)) {
+        for (const fs::path &file : fs::directory_iterator(path))
+            inputs += replay(file);
+        return inputs;
+    }
+    fprintf(stderr, "%s\n", path.filename().c_str());
+    std::ifstream in(path, std::ios::binary);
     REQUIRE(in.is_open());
-    const std::vector<char> bytes{std::istreambuf_iterator<char>(in), {}};
+    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
     /* In a block of its own size, so that reading past it shows. */
-    const std::vector<uint8_t> block(bytes.begin(), bytes.end());
+    const std::vector<uint8_t> block(bytes);
     LLVMFuzzerTestOneInput(block.data(), block.size());
+    return 1;
 }
 
 int main(int argc, char **argv)
 {
     int inputs = 0;
     LLVMFuzzerInitialize(&argc, &argv);
-    for (int i = 1; i < argc; i++) {
-        if (!fs::is_directory(argv[i])) {
-            replay(argv[i]);
-            inputs++;
-            continue;
-        }
-        for (const fs::directory_entry &file : fs::directory_iterator(argv[i])) {
-            replay(file.path());
-            inputs++;
-        }
-    }
+    for (int i = 1; i < argc; i++)
+        inputs += replay(argv[i]);
     fprintf(stderr, "%d inputs replayed\n", inputs);
     return inputs > 0 ? 0 : 1;
 }
