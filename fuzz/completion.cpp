@@ -30,8 +30,9 @@ static void check_state()
         const auto *record = static_cast<const server_spawnlet_data_t *>(link->data);
         REQUIRE(strnlen(record->serv_id, 524) < 524 && strnlen(record->serv_name, 512) < 512);
         REQUIRE(strnlen(record->service, 12) < 12 && record->num_entries >= 0);
-        server_spawnlet_data_display(record);
     }
+    if (local_cache != nullptr)
+        server_spawnlet_data_display(static_cast<const server_spawnlet_data_t *>(local_cache->data));
     REQUIRE(g_list_length(local_cache) <= MAX_CACHE_ENTRIES);
     REQUIRE(running_jobs == static_cast<int32_t>(g_list_length(job_list)) && running_jobs <= MAX_SPAWNLETS);
     REQUIRE(platform.connected);
