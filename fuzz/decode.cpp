@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     dump(block[0]);
     REQUIRE(memcmp(block.data(), &record, sizeof record) == 0);
     /* The record goes, and the chain must not care. */
-    block = {};
+    block = std::vector<server_spawnlet_data_t>();
 
     REQUIRE(rc == (failed || record.num_entries == 0 ? -1 : 0));
     if (failed)

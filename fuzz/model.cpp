@@ -5,7 +5,10 @@
  *   model STEPS [SEED]    draw the steps from a generator, and fail unless everything has happened that can
  */
 #include <inttypes.h>
+#include <stddef.h>
 
+#include <algorithm>
+#include <iterator>
 #include <vector>
 
 #include "dnscache/state.h"
@@ -110,40 +113,33 @@ static void compare_all()
 
 /* Drawing */
 
-static struct addrinfo draw_hints()
-{
-    struct addrinfo hints = {};
-    hints.ai_flags = in.byte();
-    hints.ai_family = in.byte();
-    return hints;
-}
-
 static int32_t draw_vrf()
 {
     return in.byte() % 8 - 1;
 }
 
+/* One record in six, by what no child of ours would write. */
 static void spoil(server_spawnlet_data_t *record)
 {
-    const unsigned fault = in.byte() % 64;
-    if (fault == 0)
-        memset(record->serv_id, 'x', sizeof record->serv_id);
-    if (fault == 1)
-        memset(record->serv_name, 'y', sizeof record->serv_name);
-    if (fault == 2)
-        memset(record->service, 'z', sizeof record->service);
-    if (fault == 3)
-        record->num_entries = static_cast<int8_t>(in.byte());
-    if (fault == 4 || fault == 5)
-        record->num_entries = record->status = ENTRY_EMPTY;
-    if (fault == 6 || fault == 7)
-        record->status = in.byte() % 5;
-    if (fault == 8)
-        in.fill(record->canonname, sizeof record->canonname);
-    if (fault == 9)
-        in.fill(record->ai_hdr, sizeof record->ai_hdr);
-    if (fault == 10)
-        in.fill(&record->hints, sizeof record->hints);
+    using fields = server_spawnlet_data_t;
+    static const struct {
+        size_t offset, size;
+        int fill;
+    } faults[] = {{offsetof(fields, serv_id), sizeof fields::serv_id, 'x'},
+                  {offsetof(fields, serv_name), sizeof fields::serv_name, 'y'},
+                  {offsetof(fields, service), sizeof fields::service, 'z'},
+                  {offsetof(fields, canonname), sizeof fields::canonname, 'c'},
+                  {offsetof(fields, ai_hdr), sizeof fields::ai_hdr, 0xff},
+                  {offsetof(fields, hints), sizeof fields::hints, 0x7f},
+                  {offsetof(fields, num_entries), 4, 0xff},
+                  {offsetof(fields, num_entries), 4, 9},
+                  {offsetof(fields, num_entries), 12, ENTRY_EMPTY},
+                  {offsetof(fields, status), 1, ENTRY_INVALID},
+                  {offsetof(fields, status), 1, ENTRY_FAILED}};
+    const size_t choice = in.byte() % 64;
+    if (choice < std::size(faults))
+        memset(reinterpret_cast<char *>(record) + faults[choice].offset, faults[choice].fill,
+               faults[choice].size);
 }
 
 static server_spawnlet_data_t draw_record(std::string_view host, std::string_view service, int32_t vrf)
@@ -152,6 +148,7 @@ static server_spawnlet_data_t draw_record(std::string_view host, std::string_vie
     set_text(record.serv_id, key_of(host, port_of(service), vrf));
     set_text(record.serv_name, host);
     set_text(record.service, service);
+    record.hints.ai_flags = in.byte();
     record.vrf = vrf;
     record.num_entries = 1 + in.byte() % 4;
     record.status = ENTRY_RESOLVED;
@@ -203,12 +200,11 @@ static void look_up()
     const std::string &host = in.one_of(hosts);
     const char *service = in.one_of(services);
     const int32_t vrf = draw_vrf();
-    const struct addrinfo hints = draw_hints();
+    const dnscache_addrinfo_image image = {.ai_flags = in.byte(), .ai_family = in.byte()};
+    const struct addrinfo hints = {.ai_flags = image.ai_flags, .ai_family = image.ai_family};
     platform.blocking = draw_result(draw_record(host, service, vrf));
     kept_chain answer = {};
-    const int wanted =
-        expected.look_up(host, service, {.ai_flags = hints.ai_flags, .ai_family = hints.ai_family}, vrf,
-                         platform.blocking, &answer.record);
+    const int wanted = expected.look_up(host, service, image, vrf, platform.blocking, &answer.record);
     compare("result", wanted, getaddrinfo_async_mq3(host.c_str(), service, &hints, vrf, &answer.chain));
     compare("a chain", wanted == 0, answer.chain != nullptr);
     if (wanted == 0)

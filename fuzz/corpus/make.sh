@@ -41,7 +41,8 @@ entry='8=a:53:0 532=a 1044=53 1092=\002 1104=\020 1216=\002 1672=\001 1680=\003'
     seed completion/failed_body_and_refused_starts 2='\004' 4='\252' 5='\001' $entry
     seed completion/short_record 6='\377' 7='\004' $entry
     seed completion/long_record 6='\001' $entry
-    seed completion/without_memory 1='\001' $entry
+    seed completion/storing_without_memory 1='\001' $entry
+    seed completion/answering_without_memory 1='\005' $entry 1672='\002'
     seed completion/negative_count_and_removal 7='\006' $entry 1672='\377\377\377\377'
 }
 seed completion/unterminated 8="$x$x$x$x$x$x$x$x" 1672='\002' 1680='\003'
