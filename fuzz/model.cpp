@@ -20,25 +20,13 @@
 static constexpr uint64_t default_seed = 20260101;
 static constexpr size_t chains_max = 40;
 
-/* The long ones share a key; the last two share a record's name too. */
-static const std::string hosts[] = {"a",
-                                    "b",
-                                    "c",
-                                    "d",
-                                    "e",
-                                    "f",
-                                    "g",
-                                    "h",
-                                    "i",
-                                    "j",
-                                    "k",
-                                    "",
-                                    std::string(120, 'n') + "1",
-                                    std::string(120, 'n') + "2",
-                                    std::string(600, 'o') + "1",
-                                    std::string(600, 'o') + "2"};
 /* The last is cut in the request, but not in the key. */
 static const char *const services[] = {"123", "53", "123", "53", "80x", "dns", "-5", "0000000000080"};
+
+struct server {
+    std::string host, service;
+    int32_t vrf;
+};
 
 struct kept_chain {
     struct addrinfo *chain;
@@ -113,9 +101,13 @@ static void compare_all()
 
 /* Drawing */
 
-static int32_t draw_vrf()
+/* The last four names share keys, and the last two also what a record keeps of a name. */
+static server draw_server()
 {
-    return in.byte() % 8 - 1;
+    static const size_t lengths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 120, 121, 600, 601};
+    const size_t length = in.one_of(lengths);
+    const char *service = in.one_of(services);
+    return {std::string(length, 'n'), service, in.byte() % 8 - 1};
 }
 
 /* One record in six, by what no child of ours would write. */
@@ -142,14 +134,14 @@ static void spoil(server_spawnlet_data_t *record)
                faults[choice].size);
 }
 
-static server_spawnlet_data_t draw_record(std::string_view host, std::string_view service, int32_t vrf)
+static server_spawnlet_data_t draw_record(const server &of)
 {
     server_spawnlet_data_t record = {};
-    set_text(record.serv_id, key_of(host, port_of(service), vrf));
-    set_text(record.serv_name, host);
-    set_text(record.service, service);
+    set_text(record.serv_id, key_of(of.host, port_of(of.service), of.vrf));
+    set_text(record.serv_name, of.host);
+    set_text(record.service, of.service);
     record.hints.ai_flags = in.byte();
-    record.vrf = vrf;
+    record.vrf = of.vrf;
     record.num_entries = 1 + in.byte() % 4;
     record.status = ENTRY_RESOLVED;
     for (int i = 0; i < record.num_entries; i++) {
@@ -197,15 +189,15 @@ static void release(size_t index)
 
 static void look_up()
 {
-    const std::string &host = in.one_of(hosts);
-    const char *service = in.one_of(services);
-    const int32_t vrf = draw_vrf();
+    const server of = draw_server();
     const dnscache_addrinfo_image image = {.ai_flags = in.byte(), .ai_family = in.byte()};
     const struct addrinfo hints = {.ai_flags = image.ai_flags, .ai_family = image.ai_family};
-    platform.blocking = draw_result(draw_record(host, service, vrf));
+    platform.blocking = draw_result(draw_record(of));
     kept_chain answer = {};
-    const int wanted = expected.look_up(host, service, image, vrf, platform.blocking, &answer.record);
-    compare("result", wanted, getaddrinfo_async_mq3(host.c_str(), service, &hints, vrf, &answer.chain));
+    const int wanted =
+        expected.look_up(of.host, of.service, image, of.vrf, platform.blocking, &answer.record);
+    compare("result", wanted,
+            getaddrinfo_async_mq3(of.host.c_str(), of.service.c_str(), &hints, of.vrf, &answer.chain));
     compare("a chain", wanted == 0, answer.chain != nullptr);
     if (wanted == 0)
         keep(answer);
@@ -214,24 +206,23 @@ static void look_up()
 static void add()
 {
     static const int ports[] = {53, 123, 80, 0, -5, INT32_MIN};
-    const std::string &host = in.one_of(hosts);
+    const server of = draw_server();
     const int port = in.one_of(ports);
-    const int32_t vrf = draw_vrf();
-    const int wanted = expected.add(host, port, vrf, {});
-    compare("result", wanted, add_entry_to_dns_cache(host.c_str(), port, vrf, nullptr));
+    const int wanted = expected.add(of.host, port, of.vrf, {});
+    compare("result", wanted, add_entry_to_dns_cache(of.host.c_str(), port, of.vrf, nullptr));
 }
 
 /* Of a running job, in any order, or of one that ended before or never was. */
 static void complete()
 {
     uint32_t handle = in.byte() % (HANDLES + 2);
-    server_spawnlet_data_t record = draw_record(in.one_of(hosts), in.one_of(services), draw_vrf());
+    server of = draw_server();
     if (!expected.jobs.empty() && in.one_in(2)) {
         const server_addr_info &job = expected.jobs[in.byte() % expected.jobs.size()];
         handle = job.job_handle;
-        record = draw_record(text_of(job.serv_name), text_of(job.service), job.vrf);
+        of = {job.serv_name, job.service, job.vrf};
     }
-    const job_result result = draw_result(record);
+    const job_result result = draw_result(draw_record(of));
     expected.complete(handle, result);
     dnscache_spawnletcb_job_done(handle, result.syserr, result.ret_info, result.ret_info_size,
                                  result.ret_syserr);
@@ -240,7 +231,8 @@ static void complete()
 static void check()
 {
     struct addrinfo unwritten, *chain = &unwritten;
-    std::string key = key_of(in.one_of(hosts), port_of(in.one_of(services)), draw_vrf());
+    const server of = draw_server();
+    std::string key = key_of(of.host, port_of(of.service), of.vrf);
     if (!expected.cache.empty() && in.one_in(2))
         key = text_of(expected.cache[in.byte() % expected.cache.size()].serv_id);
     const server_spawnlet_data_t *found = expected.candidate(key);
@@ -256,7 +248,7 @@ static void check()
 /* What no job brings: any time stamp. */
 static void prepend()
 {
-    const server_spawnlet_data_t drawn = draw_record(in.one_of(hosts), in.one_of(services), draw_vrf());
+    const server_spawnlet_data_t drawn = draw_record(draw_server());
     auto *record = static_cast<server_spawnlet_data_t *>(malloc(sizeof drawn));
     *record = taken_in(&drawn, expected.now - static_cast<int8_t>(in.byte()));
     expected.prepend(*record);
@@ -268,15 +260,12 @@ static void grow_another_list()
 {
     GList *list = nullptr;
     const int limit = in.byte() % 12;
-    void *blocks[20];
-    for (int i = 0; i < 20; i++) {
-        blocks[i] = malloc(1);
-        list = g_list_check_and_prepend(&list, blocks[i], limit);
-    }
-    const int length = limit > 0 ? limit : 20;
-    compare("length", length, g_list_length(list));
-    for (int i = 0; i < length; i++)
-        compare("order", true, g_list_nth_data(list, static_cast<guint>(i)) == blocks[19 - i]);
+    for (int i = 20; i > 0; i--)
+        list = g_list_check_and_prepend(&list, memset(malloc(1), i, 1), limit);
+    compare("length", limit > 0 ? limit : 20, g_list_length(list));
+    int wanted = 1;
+    for (const GList *link = list; link != nullptr; link = link->next)
+        compare("order", wanted++, *static_cast<const char *>(link->data));
     compare("result", 0, destroy_dns_cache(list));
 }
 
@@ -303,7 +292,7 @@ static void set_up()
 
 static void maintain()
 {
-    const std::string &host = in.one_of(hosts);
+    const std::string host = draw_server().host;
     switch (in.byte() % 4) {
     case 0:
         expected.refresh();
