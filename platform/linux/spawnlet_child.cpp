@@ -105,20 +105,30 @@ static void shed(const child_plan *plan, int fd)
         close(fd);
 }
 
-static void close_inherited(const child_plan *plan)
+/* false: not all are known. */
+static bool shed_listed(const child_plan *plan)
 {
     DIR *open_descriptors = opendir("/proc/self/fd");
-    if (open_descriptors == nullptr) { /* a daemon may live where there is no /proc */
-        for (int fd = 0, limit = getdtablesize(); fd < limit; fd++)
-            shed(plan, fd);
-        return;
-    }
-    while (const struct dirent *entry = readdir(open_descriptors)) {
+    if (open_descriptors == nullptr)
+        return false;
+    const struct dirent *entry;
+    while ((errno = 0, entry = readdir(open_descriptors)) != nullptr) {
         const int fd = static_cast<int>(strtol(entry->d_name, nullptr, 10));
         if (fd != dirfd(open_descriptors))
             shed(plan, fd);
     }
+    const bool is_complete = errno == 0;
     closedir(open_descriptors);
+    return is_complete;
+}
+
+static void close_inherited(const child_plan *plan)
+{
+    if (shed_listed(plan))
+        return;
+    /* A daemon may live where there is no /proc. */
+    for (int fd = 0, limit = getdtablesize(); fd < limit; fd++)
+        shed(plan, fd);
 }
 
 /* A copy out of the way of descriptors 0 to 2, which are about to change. */

@@ -66,10 +66,10 @@ static void set_timer()
     for (const job &job : all_jobs())
         if (is_in_background(job) && job.deadline_ns < earliest)
             earliest = job.deadline_ns;
-    if (earliest == INT64_MAX) {
+    if (earliest == INT64_MAX)
         close_timer();
+    if (earliest == INT64_MAX || !open_timer())
         return;
-    }
     struct itimerspec when = {};
     when.it_value.tv_sec = static_cast<time_t>(earliest / ns_per_second);
     when.it_value.tv_nsec = static_cast<long>(earliest % ns_per_second);
@@ -102,17 +102,6 @@ uint32_t linux_queue_create(void)
     return queue > 0 ? static_cast<uint32_t>(queue) : 0;
 }
 
-/* Undoes whatever part of a registration had been made. */
-static uint32_t unregister(uint32_t code)
-{
-    for (const job &job : all_jobs())
-        if (is_in_background(job))
-            queue_unwatch(&job);
-    close_timer();
-    registered_queue = -1;
-    return code;
-}
-
 uint32_t spawnlet_register_async_q(uint32_t queue)
 {
     if (queue == 0 || queue > INT32_MAX || registered_queue >= 0 || in_job_child())
@@ -121,9 +110,13 @@ uint32_t spawnlet_register_async_q(uint32_t queue)
     if (epoll_wait(static_cast<int>(queue), &any, 1, 0) < 0 && errno != EINTR) /* no queue at all */
         return LINUX_JOB_BAD_ARGUMENT;
     registered_queue = static_cast<int>(queue);
+    /* Either descriptor tells of the end; and a host with a queue that is late for one job is better off than without. */
     for (const job &job : all_jobs())
-        if (is_in_background(job) && !queue_watch(&job))
-            return unregister(LINUX_JOB_NO_RESOURCES);
+        if (is_in_background(job)) {
+            add_to_queue(job.channel);
+            add_to_queue(job.pidfd);
+        }
+    set_timer();
     return LINUX_JOB_OK;
 }
 

@@ -133,7 +133,8 @@ static int cover_other_files(const char *folder)
     if (entries == nullptr)
         return exists(folder) ? vrf_failed(errno, "%s", folder) : 0;
     int error = 0;
-    while (const struct dirent *entry = error == 0 ? readdir(entries) : nullptr) {
+    const struct dirent *entry;
+    while (error == 0 && (errno = 0, entry = readdir(entries)) != nullptr) {
         const char *name = entry->d_name;
         if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0 || is_resolver_file(name))
             continue;
@@ -142,6 +143,8 @@ static int cover_other_files(const char *folder)
         snprintf(path, sizeof path, "/etc/%s", name);
         error = cover_other_file(own, path);
     }
+    if (error == 0 && errno != 0)
+        error = vrf_failed(errno, "%s", folder);
     closedir(entries);
     return error;
 }

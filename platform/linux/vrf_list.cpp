@@ -63,13 +63,16 @@ static bool add_namespaces(vrf_table *table)
     DIR *names = opendir(LINUX_VRF_NAMESPACES);
     if (names == nullptr)
         return errno == ENOENT;
-    while (const struct dirent *entry = readdir(names)) {
+    const struct dirent *entry;
+    while ((errno = 0, entry = readdir(names)) != nullptr) {
         const int32_t vrf = number_in(entry->d_name);
         if (vrf != 0)
             add(table, vrf, kind_of(entry->d_name));
     }
+    const int error = errno;
     closedir(names);
-    return true;
+    errno = error;
+    return error == 0;
 }
 
 static bool add_devices(vrf_table *table)

@@ -31,7 +31,9 @@ static const struct faulty_call {
     {"fstatfs", {EIO}},
     {"getaddrinfo", {EAI_MEMORY}},
     {"getsockopt", {ENOBUFS}},
+    {"if_nameindex", {ENOBUFS}},
     {"if_nametoindex", {EMFILE}},
+    {"ioctl", {EIO}},
     {"lstat", {EACCES}},
     {"malloc", {ENOMEM}},
     {"mkdirat", {ENOSPC}},
@@ -45,6 +47,7 @@ static const struct faulty_call {
     {"poll", {EINTR, ENOMEM}},
     {"prctl", {EINVAL}},
     {"readdir", {EIO}},
+    {"realloc", {ENOMEM}},
     {"recv", {EINTR, ECONNRESET, SHORT}},
     {"send", {EINTR, ENOBUFS, SHORT}},
     {"setns", {EPERM}},
@@ -153,7 +156,7 @@ static void take_completions(uint32_t queue)
     linux_job_counters started;
     linux_completion done;
     for (linux_jobs_started(&started); taken < started.background && becomes_readable(queue);)
-        if (armed([&] { return linux_queue_next(queue, &done); }) == 1) {
+        while (armed([&] { return linux_queue_next(queue, &done); }) == 1) {
             taken++;
             armed([&] {
                 dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
@@ -188,11 +191,16 @@ static void live(int vrf, const step &trouble, const step &recover)
         recover();
         queue = linux_queue_create();
     }
+    armed([vrf] { return add_entry_to_dns_cache("early.lab", 123, vrf, nullptr); });
     armed([queue] { return dns_cache_init(queue, 1), 0; });
     try_to_look_up("one.lab", vrf);
     armed([vrf] { return add_entry_to_dns_cache("two.lab", 123, vrf, nullptr); });
     take_completions(queue);
     try_to_look_up("one.lab", vrf);
+    size_t vrfs = 0;
+    linux_vrf *list = armed([&vrfs] { return linux_vrf_list(&vrfs); });
+    REQUIRE(list == nullptr || vrfs == 4);
+    free(list);
     dns_cache_set_timeout(-1); /* everything has expired */
     armed([] { return refresh_dns_cache(), 0; });
     REQUIRE(local_cache == nullptr);
@@ -250,6 +258,7 @@ static int sweep(const char *call, int error, int vrf)
 
 TEST(Fault, OfOneSystemCallIsSurvivedWhereverItIs)
 {
+    ASSERT_TRUE(shell("cp /etc/hostname /etc/netns/vrf1")); /* a file that is no resolver's */
     for (const faulty_call &call : faulty_calls) {
         int places = 0;
         for (const int error : call.errors)
