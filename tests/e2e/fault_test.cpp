@@ -176,8 +176,6 @@ static bool is_as_before(uint32_t queue, size_t descriptors)
            (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || child.si_pid == 0);
 }
 
-extern "C" int __attribute__((weak)) __lsan_do_recoverable_leak_check(void);
-
 using step = std::function<void()>;
 
 static void live(int vrf, const step &trouble, const step &recover)
@@ -212,7 +210,7 @@ static void live(int vrf, const step &trouble, const step &recover)
     REQUIRE(eventually([&] { return is_as_before(queue, descriptors); }));
     REQUIRE(vrf == 0 || packets(0) == elsewhere);
     empty_cache();
-    REQUIRE(__lsan_do_recoverable_leak_check == nullptr || __lsan_do_recoverable_leak_check() == 0);
+    REQUIRE(!has_sanitizer() || __lsan_do_recoverable_leak_check() == 0);
 }
 
 static void set_limit(__rlimit_resource resource, rlim_t soft)
@@ -310,7 +308,7 @@ TEST(Fault, LimitsAreRefusalsUntilTheyAreRaised)
     for (const auto &c : cases)
         for (const int vrf : c.vrfs)
             for (rlim_t left = 0; left <= c.most; left += c.step) {
-                if (c.resource == RLIMIT_AS && __lsan_do_recoverable_leak_check != nullptr)
+                if (c.resource == RLIMIT_AS && has_sanitizer())
                     continue; /* a sanitizer's own memory has no bounds */
                 SCOPED_TRACE(testing::Message() << "limit " << c.resource << ", " << left << ", VRF " << vrf);
                 *refusals = 0;

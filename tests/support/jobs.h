@@ -208,6 +208,13 @@ static inline const std::vector<job_way> &job_ways()
     return ways;
 }
 
+extern "C" int __attribute__((weak)) __lsan_do_recoverable_leak_check(void);
+
+static inline bool has_sanitizer()
+{
+    return __lsan_do_recoverable_leak_check != nullptr;
+}
+
 /* How many times as long scripts/soak does what the tests do. */
 static inline int soak_factor()
 {
