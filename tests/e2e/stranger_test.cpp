@@ -17,10 +17,11 @@ static struct {
     bool is_over;
 } *const seen = shared<std::remove_pointer_t<decltype(seen)>>();
 
-static void start_numbers_again()
+/* The next process that is forked has this number, if it is free. */
+static void set_next_pid(pid_t pid)
 {
     const int last = open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC);
-    const std::string before = std::to_string(FIRST_PID - 1);
+    const std::string before = std::to_string(pid - 1);
     if (write(last, before.data(), before.size()) < 0)
         _exit(1);
     close(last);
@@ -46,7 +47,7 @@ static void be_strangers()
         }
         seen->were_jobs += seen->was_job[crowd[i]];
         if (crowd[i] > LAST_PID)
-            start_numbers_again();
+            set_next_pid(FIRST_PID);
     }
     for (const pid_t stranger : crowd)
         kill(stranger, SIGKILL);
@@ -94,4 +95,52 @@ TEST(Strangers, AreNeverSignalled)
     EXPECT_EQ(seen->signalled, 0);
     EXPECT_GT(seen->were_jobs, 1000) << "their numbers hardly came round";
     printf("%d strangers had the number of a job's child before them\n", seen->were_jobs);
+}
+
+/* A job's child that is killed and collected before its parent has a pidfd, and a stranger that then has its number. */
+
+static struct {
+    pid_t child, stranger;
+} *const swapped = shared<std::remove_pointer_t<decltype(swapped)>>();
+static bool swaps_next_child;
+
+static void put_stranger_in_place_of(pid_t child)
+{
+    swapped->child = child;
+    kill(child, SIGKILL);
+    eventually([child] { return kill(child, 0) != 0; });
+    if (fork() == 0) { /* whose child the stranger is */
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        signal(SIGCHLD, SIG_DFL);
+        set_next_pid(child);
+        const pid_t stranger = fork();
+        if (stranger != 0) {
+            swapped->stranger = stranger;
+            waitpid(stranger, nullptr, 0);
+            swapped->stranger = 0;
+        }
+        pause();
+    }
+    eventually([] { return swapped->stranger != 0; });
+}
+
+extern "C" int __real_pidfd_open(pid_t pid, unsigned flags);
+
+extern "C" int __wrap_pidfd_open(pid_t pid, unsigned flags)
+{
+    if (swaps_next_child)
+        put_stranger_in_place_of(pid);
+    swaps_next_child = false;
+    return __real_pidfd_open(pid, flags);
+}
+
+TEST(Strangers, AreNotTakenForAChild)
+{
+    signal(SIGCHLD, SIG_IGN);
+    swaps_next_child = true;
+    EXPECT_EQ(run_job(run_out_of_time, nullptr, 1).code, LINUX_JOB_NO_RESOURCES);
+    ASSERT_EQ(swapped->stranger, swapped->child);
+    EXPECT_EQ(run_job(nothing).code, 0u);
+    EXPECT_EQ(kill(swapped->child, 0), 0);
+    EXPECT_EQ(swapped->stranger, swapped->child) << "it was signalled";
 }
