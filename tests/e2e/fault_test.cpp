@@ -37,6 +37,7 @@ static const struct faulty_call {
     {"lstat", {EACCES}},
     {"malloc", {ENOMEM}},
     {"mkdirat", {ENOSPC}},
+    {"mmap", {ENOMEM}},
     {"mount", {EPERM}},
     {"move_mount", {EBUSY}},
     {"open", {ENFILE, EINTR}},
@@ -195,6 +196,7 @@ static void live(int vrf, const step &trouble, const step &recover)
     armed([vrf] { return add_entry_to_dns_cache("two.lab", 123, vrf, nullptr); });
     take_completions(queue);
     try_to_look_up("one.lab", vrf);
+    armed([] { return linux_history_enable(1); });
     size_t vrfs = 0;
     linux_vrf *list = armed([&vrfs] { return linux_vrf_list(&vrfs); });
     REQUIRE(list == nullptr || vrfs == 4);
@@ -204,6 +206,7 @@ static void live(int vrf, const step &trouble, const step &recover)
     REQUIRE(local_cache == nullptr);
     take_completions(queue);
     recover();
+    REQUIRE(linux_history_enable(1) == 0);
     REQUIRE(try_to_look_up("two.lab", vrf) == own_addresses(vrf));
     take_completions(queue);
     REQUIRE(running_jobs == (strcmp(plan->call, "malloc") == 0 && plan->has_struck && running_jobs == 1));
