@@ -38,12 +38,14 @@
  *               a background job changes no signal disposition.
  *   stdout      Every trace message is printed to standard output, unflushed. While the file
  *               /bootflash/.enable_dns_debugs exists it goes to /tmp/dnscache.log.PARTITION too, if that is
- *               a regular file of your own user's, with no other link, or there is nothing yet.
+ *               a regular file of your own user's, with no other link, or there is nothing yet, and if others
+ *               cannot replace it there (/tmp is sticky).
  *   Children    One for each job. They are your children: wait for your own by pid, never by -1.
  *   rand()      One number is drawn by each lookup that misses the cache, and by each call that may start a
  *               background job.
  *   Memory      malloc() failing is reported by the call that needed it. GLib ends a process that it has no
- *               memory for; no call gets so far, but g_list_check_and_prepend() called by yourself.
+ *               memory for: as long as no other thread takes what there is, no call gets so far, but
+ *               g_list_check_and_prepend() called by yourself.
  *   errno       is left alone.
  *
  * docs/hygiene.md has it call by call.

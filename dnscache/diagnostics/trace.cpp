@@ -6,6 +6,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -20,6 +21,7 @@ FILE *log_file = nullptr;
 char file_name[255] = "";
 
 static constexpr char marker_file[] = "/bootflash/.enable_dns_debugs";
+static constexpr char log_folder[] = "/tmp";
 
 struct history_record {
     uint32_t subtype;
@@ -47,12 +49,20 @@ bool trace_debug_is_on()
     return evtrack_chk_int(DNSCACHE_TRACE_FLAG, 0, 0, 1) != 0;
 }
 
-/*
- * Everybody may write to the folder. What others have planted there is neither waited for nor written to: the file has
- * to be made now or ours already, and then, the folder being sticky, nobody else can put anything in its place.
- */
+/* Whether nobody else can put another file in the place of ours. */
+static bool folder_keeps_files()
+{
+    struct stat folder;
+    return fstatat(AT_FDCWD, log_folder, &folder, 0) == 0 &&
+           (folder.st_uid == 0 || folder.st_uid == geteuid()) &&
+           ((folder.st_mode & S_ISVTX) != 0 || (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0);
+}
+
+/* What others have planted at the path is neither waited for nor written to: the file is made now, or ours already. */
 static bool log_file_is_ours()
 {
+    if (!folder_keeps_files())
+        return false;
     const int made = open(file_name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (made >= 0) {
         close(made);
@@ -63,17 +73,53 @@ static bool log_file_is_ours()
            found.st_uid == geteuid() && found.st_nlink == 1;
 }
 
+/* Out of the way of a host without standard streams, which prints all the same. */
+static FILE *open_above_streams()
+{
+    int held[3], count = 0;
+    for (int fd = 0; fd <= STDERR_FILENO; fd++)
+        if (fcntl(fd, F_GETFD) < 0)
+            held[count++] = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    FILE *file = fopen(file_name, "a");
+    while (count > 0)
+        close(held[--count]);
+    return file;
+}
+
 static bool open_log_file()
 {
-    snprintf(file_name, sizeof file_name - 1, "/tmp/dnscache.log.%d",
+    snprintf(file_name, sizeof file_name - 1, "%s/dnscache.log.%d", log_folder,
              static_cast<int>(platmgr_partition_get() & 0xffff));
-    log_file = log_file_is_ours() ? fopen(file_name, "a") : nullptr;
+    log_file = log_file_is_ours() ? open_above_streams() : nullptr;
     if (log_file == nullptr)
         return false;
     /* Forked jobs write to it too, but no program that the host executes should. */
     fcntl(fileno(log_file), F_SETFD, FD_CLOEXEC);
     return true;
 }
+
+namespace
+{
+
+/* A log that has reached a limit of file sizes loses text; its host shall not end by that. */
+struct xfsz_guard {
+    struct sigaction own;
+
+    xfsz_guard()
+    {
+        struct sigaction ignored = {};
+        ignored.sa_handler = SIG_IGN;
+        sigaction(SIGXFSZ, &ignored, &own);
+    }
+    ~xfsz_guard()
+    {
+        sigaction(SIGXFSZ, &own, nullptr);
+    }
+    xfsz_guard(const xfsz_guard &) = delete;
+    xfsz_guard &operator=(const xfsz_guard &) = delete;
+};
+
+} // namespace
 
 void trace_to_log_file(const char *function, int line, const char *format, ...)
 {
@@ -82,6 +128,7 @@ void trace_to_log_file(const char *function, int line, const char *format, ...)
         return;
     if (log_file == nullptr && !open_log_file())
         return;
+    const xfsz_guard guard;
     fprintf(log_file, "%s() : %d ", function, line);
     va_list args;
     va_start(args, format);

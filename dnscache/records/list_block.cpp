@@ -7,7 +7,7 @@
 #include <stdlib.h>
 
 /* What GLib takes at once for its links, many times over: an answer's chain is taken too before the link is. */
-static constexpr size_t LINK_RESERVE = 16384;
+static constexpr size_t LINK_RESERVE = 8192;
 
 static bool has_room_for_link()
 {

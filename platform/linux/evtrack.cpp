@@ -87,6 +87,7 @@ static bool copy_signed(uint64_t ticket, linux_history_record *record)
     record->length = slot->length < LINUX_HISTORY_BYTES ? slot->length : LINUX_HISTORY_BYTES;
     record->pid = slot->pid;
     memcpy(record->record, slot->record, sizeof record->record);
+    record->record[LINUX_HISTORY_BYTES - 1] = '\0';
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     return __atomic_load_n(&slot->signature, __ATOMIC_RELAXED) == ticket;
 }

@@ -177,6 +177,7 @@ static job *start_job(child_plan *plan, const job_options *options, uint32_t han
         queue_unwatch(slot);
     slot->code = *code = LINUX_JOB_NO_RESOURCES;
     job_retire(slot);
+    queue_set_timer();
     return nullptr;
 }
 

@@ -37,8 +37,9 @@ static void default_signals()
 {
     for (int number = 1; number < NSIG; number++)
         signal(number, SIG_DFL);
-    /* A reader of the daemon's text who has gone, or a name server that has, is no end of the job. */
+    /* A reader of the daemon's text who has gone, or a file that may not grow, is no end of the job. */
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
 }
 
 static void unblock_signals()

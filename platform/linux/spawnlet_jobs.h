@@ -73,6 +73,9 @@ void jobs_reap();
 bool queue_watch(const job *job);
 void queue_unwatch(const job *job);
 
+/* queue_set_timer: to the earliest deadline. Without a job there is no timer: a host that waits for nothing holds none. */
+void queue_set_timer();
+
 /* The child's side */
 
 struct child_plan {

@@ -56,12 +56,11 @@ static bool open_timer()
     return deadline_timer >= 0;
 }
 
-/*
- * To the earliest deadline; one that has passed makes the timer readable at once. With the last job the timer goes too:
- * a host that waits for nothing holds nothing.
- */
-static void set_timer()
+/* One that has passed makes the timer readable at once. */
+void queue_set_timer()
 {
+    if (registered_queue < 0)
+        return;
     int64_t earliest = INT64_MAX;
     for (const job &job : all_jobs())
         if (is_in_background(job) && job.deadline_ns < earliest)
@@ -86,7 +85,7 @@ bool queue_watch(const job *job)
         drop_from_queue(job->channel);
         return false;
     }
-    set_timer();
+    queue_set_timer();
     return true;
 }
 
@@ -116,7 +115,7 @@ uint32_t spawnlet_register_async_q(uint32_t queue)
             add_to_queue(job.channel);
             add_to_queue(job.pidfd);
         }
-    set_timer();
+    queue_set_timer();
     return LINUX_JOB_OK;
 }
 
@@ -156,7 +155,7 @@ int linux_queue_next(uint32_t queue, linux_completion *completion)
             taken = 1;
         }
     }
-    set_timer();
+    queue_set_timer();
     errno = error;
     return taken;
 }

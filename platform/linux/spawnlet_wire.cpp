@@ -118,12 +118,15 @@ int wire_send(int channel, frame_kind kind, bytes_view payload)
 wire_input wire_receive(wire_reader *reader, int channel)
 {
     unsigned char portion[4096];
-    const ssize_t got = recv(channel, portion, sizeof portion, MSG_DONTWAIT);
+    ssize_t got;
+    do
+        got = recv(channel, portion, sizeof portion, MSG_DONTWAIT);
+    while (got < 0 && errno == EINTR);
     if (got > 0) {
         wire_feed(reader, {portion, static_cast<size_t>(got)});
         return WIRE_INPUT_BYTES;
     }
-    if (got < 0 && (errno == EAGAIN || errno == EINTR))
+    if (got < 0 && errno == EAGAIN)
         return WIRE_INPUT_NONE;
     return WIRE_INPUT_END;
 }

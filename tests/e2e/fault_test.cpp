@@ -105,7 +105,7 @@ static long fault(Real *real, const char *call, long failure, std::array<long, 6
 FAULTY_CALLS
 
 /* The test's own memory, so that none of it is missing when there is none left. */
-static char arena[64 << 20];
+alignas(16) static char arena[64 << 20];
 static size_t arena_used;
 
 void *operator new(size_t size)

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 
@@ -85,23 +86,80 @@ TEST(Surroundings, APlantedLogIsNeitherWaitedForNorWrittenTo)
     remove(log_path().c_str());
 }
 
-TEST(Surroundings, AFullDiskCostsTheLogItsText)
+static bool mount_over_tmp(const char *options)
+{
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", "/tmp", "tmpfs", 0, options) == 0;
+}
+
+static bool limit_files()
+{
+    const struct rlimit limit = {4096, 4096};
+    return setrlimit(RLIMIT_FSIZE, &limit) == 0;
+}
+
+/* Much more than there is room for. */
+static int trace_at_length(void *)
+{
+    for (int i = 0; i < 1000; i++)
+        trace();
+    return 0;
+}
+
+static bool survives_at(const std::function<bool()> &bound)
+{
+    const bool is_bound = bound();
+    log_is_switched_on = true;
+    freopen("/dev/null", "w", stdout);
+    trace_at_length(nullptr);
+    FILE *output = tmpfile();
+    const uint32_t code = run_job(trace_at_length, nullptr, 20, nullptr, output, output).code;
+    const size_t most = content_of(file_name).size();
+    const bool is_empty = truncate(file_name, 0) == 0;
+    trace();
+    return is_bound && code == 0 && most <= 4096 && is_empty && has_message(file_name);
+}
+
+TEST(Surroundings, AFullDiskOrALimitCostsTheLogItsText)
+{
+    linux_partition_set(static_cast<uint32_t>(getpid()));
+    EXPECT_TRUE(in_its_own_process([] { return survives_at(limit_files); }));
+    if (geteuid() == 0) {
+        EXPECT_TRUE(in_its_own_process([] { return survives_at([] { return mount_over_tmp("size=4k"); }); }));
+    }
+    remove(log_path().c_str());
+}
+
+TEST(Surroundings, ALogThatOthersCouldReplaceIsNone)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "needs root, to make a small disk";
-    EXPECT_TRUE(in_its_own_process([] {
-        const bool is_small = unshare(CLONE_NEWNS) == 0 &&
-                              mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                              mount("none", "/tmp", "tmpfs", 0, "size=4k") == 0;
-        log_is_switched_on = true;
-        for (int i = 0; i < 1000; i++) /* much more than it takes */
+        GTEST_SKIP() << "needs root, to make folders for logs";
+    const std::pair<const char *, bool> cases[] = {{"mode=1777", true},
+                                                   {"mode=0755", true},
+                                                   {"mode=0777", false},
+                                                   {"mode=0775", false},
+                                                   {"uid=65534", false}};
+    for (const auto &[options, is_safe] : cases)
+        EXPECT_TRUE(in_its_own_process([&, options = options, is_safe = is_safe] {
+            const bool is_mounted = mount_over_tmp(options);
+            log_is_switched_on = true;
             trace();
-        const std::string log = file_name;
-        const size_t most = content_of(log).size();
-        EXPECT_EQ(truncate(log.c_str(), 0), 0);
+            return is_mounted && (log_file != nullptr) == is_safe;
+        })) << options;
+}
+
+TEST(Surroundings, ALogTakesNoStandardStreamsPlace)
+{
+    linux_partition_set(static_cast<uint32_t>(getpid()));
+    EXPECT_TRUE(in_its_own_process([] {
+        log_is_switched_on = true;
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
         trace();
-        return is_small && most <= 4096 && has_message(log);
+        return log_file != nullptr && fileno(log_file) > STDERR_FILENO && fcntl(STDIN_FILENO, F_GETFD) < 0 &&
+               fcntl(STDOUT_FILENO, F_GETFD) < 0;
     }));
+    remove(log_path().c_str());
 }
 
 TEST_F(RealJobs, ResolveThoughNobodyReadsWhatTheHostPrints)
