@@ -86,7 +86,10 @@ TEST_F(RealJobs, EveryJobEndsInOneCompletionWhateverItsChildDoes)
     const size_t descriptors = open_descriptors().size();
     std::map<uint32_t, const job_way *> running;
     linux_completion none;
+    pid_t copy = 0; /* of the host, which has its descriptors too */
     for (int started = 0, completed = 0; completed < jobs;) {
+        if (copy == 0 && completed > 10 && (copy = fork()) == 0)
+            _exit(pause());
         for (; started < jobs && running.size() < MAX_SPAWNLETS; started++) {
             signal(SIGCHLD, started / 100 % 2 == 0 ? SIG_DFL : SIG_IGN);
             misbehaviour = &job_ways()[static_cast<size_t>(started) % job_ways().size()];
@@ -108,6 +111,7 @@ TEST_F(RealJobs, EveryJobEndsInOneCompletionWhateverItsChildDoes)
     EXPECT_EQ(linux_queue_next(queue, &none), 0);
     EXPECT_FALSE(becomes_readable(queue, 0));
     EXPECT_EQ(job_list, nullptr);
+    kill(copy, SIGKILL);
+    waitpid(copy, nullptr, 0);
     EXPECT_EQ(descriptors_held(), descriptors);
-    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
 }

@@ -188,6 +188,8 @@ TEST_F(RealJobs, TakeAnyNameForWhatItIs)
                                  "any-" + std::string(596, 'x'), "any-:1:2"};
     linux_partition_set(static_cast<uint32_t>(getpid()));
     log_is_switched_on = true;
+    linux_history_enable(1);
+    linux_debug_enable(1);
     for (const std::string &name : names) {
         SCOPED_TRACE(name);
         ASSERT_EQ(look_up(name.c_str()), 0);

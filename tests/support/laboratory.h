@@ -31,6 +31,18 @@ static inline int packets(int vrf)
     return received;
 }
 
+/* Those of its packets that were for a server, and not of the kernel's own. */
+static inline int questions(int vrf)
+{
+    const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");
+    const std::string counters = content_of("/proc/" + std::to_string(atoi(server.c_str())) + "/net/snmp");
+    int received = -1;
+    const size_t udp = counters.rfind("\nUdp: ");
+    if (udp != std::string::npos)
+        sscanf(counters.c_str() + udp, "\nUdp: %d", &received);
+    return received;
+}
+
 static inline std::string addresses_in(const struct addrinfo *chain)
 {
     std::set<std::string> found;

@@ -54,12 +54,16 @@ class RealJobs : public testing::Test
         return done;
     }
 
-    /* Once the children that are over have left. */
+    /* Once the children that are over have left, and have been reaped by the job service alone. */
     size_t descriptors_held()
     {
+        EXPECT_TRUE(eventually([this] {
+            linux_completion none;
+            siginfo_t child;
+            linux_queue_next(queue, &none);
+            return waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0;
+        }));
         linux_completion none;
-        while (waitpid(-1, nullptr, WNOHANG) == 0)
-            poll(nullptr, 0, 1);
         linux_queue_next(queue, &none);
         return open_descriptors().size();
     }
