@@ -51,6 +51,7 @@ TEST(SpawnletQueue, AnAnswerThatCameInTimeIsOneHoweverLateTheHostLooks)
 TEST(SpawnletQueue, BoundsTheJobsAndCountsThem)
 {
     linux_job_counters before, after;
+    the_queue();
     linux_jobs_started(&before);
     for (int i = 0; i < LINUX_JOBS_MAX; i++)
         start_job([](void *) { return pause(); }, nullptr, 1); /* nothing but the deadline wakes the queue */
