@@ -138,12 +138,14 @@ void *operator new(size_t size)
 void operator delete(void *) noexcept {}
 void operator delete(void *, size_t) noexcept {}
 
-/* One life of a daemon, in a process of its own; its exit status is the line where something was not as it should be. */
+/* One life of a daemon, in a process of its own, which ends where something is not as it should be. */
 
 #define REQUIRE(condition)                                                                                   \
     do {                                                                                                     \
-        if (!(condition))                                                                                    \
-            _exit(__LINE__);                                                                                 \
+        if (!(condition)) {                                                                                  \
+            fprintf(stderr, "line %d: not so: %s\n", __LINE__, #condition);                                  \
+            _exit(1);                                                                                        \
+        }                                                                                                    \
     } while (false)
 
 template <typename Call>
@@ -201,9 +203,8 @@ using step = std::function<void()>;
 
 static void live(int vrf, const step &trouble, const step &recover)
 {
-    REQUIRE(open("/etc/hosts", O_RDONLY) >
-            0); /* something that its jobs inherit, and something that they do not */
-    REQUIRE((not_for_jobs = socket(AF_UNIX, SOCK_STREAM, 0)) > 0);
+    /* A file, which jobs inherit, and a socket, which they do not. */
+    REQUIRE(open("/etc/hosts", O_RDONLY) > 0 && (not_for_jobs = socket(AF_UNIX, SOCK_STREAM, 0)) > 0);
     what_is_not_for_jobs = link_of(not_for_jobs);
     const size_t descriptors = open_descriptors().size();
     const int elsewhere = questions(0);
@@ -261,7 +262,7 @@ static void expect_life(int vrf, const step &trouble, const step &recover)
     int status = -1;
     waitpid(daemon, &status, 0);
     EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "line of this file";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 /* An interruption is no failure where it is usual. */
@@ -294,12 +295,13 @@ TEST(Fault, OfOneSystemCallIsSurvivedWhereverItIs)
 {
     ASSERT_TRUE(shell("echo of VRF 1 > /etc/netns/vrf1/hostname"));
     for (const faulty_call &call : faulty_calls) {
-        int places = 0;
-        for (const int error : call.errors)
+        for (const int error : call.errors) {
+            int places = 0;
             for (const int vrf : {1, 5, 0})
                 if (!has_sanitizer() || places == 0) /* it takes its time */
                     places += sweep(call.name, error, vrf);
-        EXPECT_GT(places, 0) << call.name;
+            EXPECT_GT(places, 0) << call.name;
+        }
     }
 }
 
