@@ -19,28 +19,28 @@ static inline bool shell(const std::string &command)
     return system(command.c_str()) == 0;
 }
 
+/* A number that the kernel keeps where the name server of a VRF is: after the last such label, as the format says. */
+static inline int counter(int vrf, const char *file, const char *label, const char *format)
+{
+    const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");
+    const std::string counters = content_of("/proc/" + std::to_string(atoi(server.c_str())) + file);
+    int value = -1;
+    const size_t at = counters.rfind(label);
+    if (at != std::string::npos)
+        sscanf(counters.c_str() + at + strlen(label), format, &value);
+    return value;
+}
+
 /* Packets that came out of the wire of a VRF, at the side of its name server. */
 static inline int packets(int vrf)
 {
-    const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");
-    const std::string counters = content_of("/proc/" + std::to_string(atoi(server.c_str())) + "/net/dev");
-    int received = -1;
-    const size_t wire = counters.find("wire:");
-    if (wire != std::string::npos)
-        sscanf(counters.c_str() + wire, "wire: %*d %d", &received);
-    return received;
+    return counter(vrf, "/net/dev", "wire:", "%*d %d");
 }
 
-/* Those of its packets that were for a server, and not of the kernel's own. */
+/* Those of them that were for a server, and not of the kernel's own. */
 static inline int questions(int vrf)
 {
-    const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");
-    const std::string counters = content_of("/proc/" + std::to_string(atoi(server.c_str())) + "/net/snmp");
-    int received = -1;
-    const size_t udp = counters.rfind("\nUdp: ");
-    if (udp != std::string::npos)
-        sscanf(counters.c_str() + udp, "\nUdp: %d", &received);
-    return received;
+    return counter(vrf, "/net/snmp", "\nUdp:", "%d");
 }
 
 static inline std::string addresses_in(const struct addrinfo *chain)
