@@ -35,7 +35,7 @@ static void check_state()
         server_spawnlet_data_display(static_cast<const server_spawnlet_data_t *>(local_cache->data));
     REQUIRE(g_list_length(local_cache) <= MAX_CACHE_ENTRIES);
     REQUIRE(running_jobs == static_cast<int32_t>(g_list_length(job_list)) && running_jobs <= MAX_SPAWNLETS);
-    REQUIRE(platform.connected);
+    REQUIRE(memory.connected);
 }
 
 /* Copies what a caller may read, then releases it. */
@@ -76,7 +76,7 @@ static void complete(const settings &settings, uint32_t handle, server_spawnlet_
                          .ret_info = (settings.result & 2) != 0 ? nullptr : block.data(),
                          .ret_info_size = size,
                          .ret_syserr = -(settings.result & 1)};
-    const job_result &result = platform.blocking;
+    const memory_completion &result = platform.blocking;
     platform.failing_malloc = settings.failing_malloc;
     dnscache_spawnletcb_job_done(handle, result.syserr, result.ret_info, size, result.ret_syserr);
     record.serv_id[523] = record.serv_name[511] = record.service[11] = '\0';

@@ -94,7 +94,7 @@ static void compare_all()
     compare("blocking jobs", expected.waits, platform.waits);
     compare("background starts", expected.starts, platform.starts);
     compare("the job's time-out", expected.seconds, platform.seconds);
-    compare("the routing context", true, platform.connected);
+    compare("the routing context", true, memory.connected);
     if (memcmp(&expected.request, &platform.request, sizeof platform.request) != 0)
         fail("the job", shown(expected.request), shown(platform.request));
 }
@@ -155,9 +155,9 @@ static server_spawnlet_data_t draw_record(const server &of)
     return record;
 }
 
-static job_result draw_result(const server_spawnlet_data_t &record)
+static memory_completion draw_result(const server_spawnlet_data_t &record)
 {
-    job_result result = {.syserr = 0, .ret_info = nullptr, .ret_info_size = 1676, .ret_syserr = 0};
+    memory_completion result = {.syserr = 0, .ret_info = nullptr, .ret_info_size = 1676, .ret_syserr = 0};
     const unsigned fault = in.byte() % 16;
     if (fault < 4)
         result.syserr = in.one_in(2) ? 0x501 : 0x80000001;
@@ -222,7 +222,7 @@ static void complete()
         handle = job.job_handle;
         of = {job.serv_name, job.service, job.vrf};
     }
-    const job_result result = draw_result(draw_record(of));
+    const memory_completion result = draw_result(draw_record(of));
     expected.complete(handle, result);
     dnscache_spawnletcb_job_done(handle, result.syserr, result.ret_info, result.ret_info_size,
                                  result.ret_syserr);

@@ -7,14 +7,41 @@
 
 #include "dnscache/state.h"
 #include "fuzz/input.h"
-#include "platform/evtrack.h"
-#include "platform/nsbind.h"
-#include "platform/platmgr.h"
-#include "platform/rtctx.h"
-#include "platform/spawnlet.h"
 
 scripted_platform platform;
-evtrack_modname evtrack_dbg_modname;
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    REQUIRE(freopen("/dev/null", "w", stdout) != nullptr);
+    return 0;
+}
+
+/* Services */
+
+static void check_history(uint32_t, uint32_t length, const void *record)
+{
+    REQUIRE(length > 4 && length <= 516);
+    REQUIRE(strnlen(static_cast<const char *>(record) + 4, length - 4) == length - 5);
+}
+
+/* A job that is waited for comes to what the target says; it delivers the completions of the others. */
+static uint32_t start_job(memory_job *job)
+{
+    REQUIRE(job->body == reinterpret_cast<spawnlet_body_t>(resolve_server_hostname));
+    REQUIRE(job->options->record_size == sizeof *job->options && job->options->option_flag == 1);
+    REQUIRE(!memory.connected);
+    platform.seconds = job->options->timeout_secs;
+    memcpy(&platform.request, job->arg, sizeof platform.request);
+    if (job->in_background) {
+        if ((platform.refused >> platform.starts++ % 32 & 1) != 0)
+            return 0x503;
+        memory.next_handle = 1 + platform.handles++ % HANDLES;
+    } else {
+        platform.waits++;
+        job->outcome = &platform.blocking;
+    }
+    return 0;
+}
 
 void reset_world()
 {
@@ -26,103 +53,12 @@ void reset_world()
     cache_timeout = 60;
     async_queue = 0;
     platform = {};
-    platform.connected = true;
-}
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    REQUIRE(freopen("/dev/null", "w", stdout) != nullptr);
-    return 0;
-}
-
-/* Services */
-
-int evtrack_hist_event_subtype_check(uint32_t, uint32_t)
-{
-    return 0;
-}
-
-int evtrack_hist_event(uint32_t, uint32_t length, const void *record)
-{
-    REQUIRE(length > 4 && length <= 516);
-    REQUIRE(strnlen(static_cast<const char *>(record) + 4, length - 4) == length - 5);
-    return 0;
-}
-
-int evtrack_chk_int(int, int, int, int)
-{
-    return 0;
-}
-
-int dbgemit(int, const void *, int, const char *, ...)
-{
-    return 0;
-}
-
-uint32_t platmgr_partition_get(void)
-{
-    return 0;
-}
-
-int nsbind_set_global_context(int32_t)
-{
-    return -1;
-}
-
-int rtctx_api_init(void)
-{
-    platform.connected = true;
-    return 1;
-}
-
-void rtctx_api_close(void)
-{
-    platform.connected = false;
-}
-
-uint32_t spawnlet_register_async_q(uint32_t)
-{
-    return 0;
-}
-
-int spawnlet_done(const void *, uint32_t)
-{
-    return 0;
-}
-
-const char *errcode2str(uint32_t)
-{
-    return "";
-}
-
-static void note_job(spawnlet_body_t body, const void *request, const job_options *options)
-{
-    REQUIRE(body == reinterpret_cast<spawnlet_body_t>(resolve_server_hostname));
-    REQUIRE(options->record_size == sizeof *options && options->option_flag == 1);
-    REQUIRE(!platform.connected);
-    platform.seconds = options->timeout_secs;
-    memcpy(&platform.request, request, sizeof platform.request);
-}
-
-uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint32_t *ret_info_size,
-                          int32_t *ret_syserr, const job_options *options, FILE *, FILE *, FILE *)
-{
-    platform.waits++;
-    note_job(body, arg, options);
-    *ret_info = platform.blocking.ret_info;
-    *ret_info_size = platform.blocking.ret_info_size;
-    *ret_syserr = platform.blocking.ret_syserr;
-    return platform.blocking.syserr;
-}
-
-uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int, const job_options *options, FILE *,
-                                FILE *, FILE *, uint32_t *handle)
-{
-    note_job(body, arg, options);
-    if ((platform.refused >> platform.starts++ % 32 & 1) != 0)
-        return 0x503;
-    *handle = 1 + platform.handles++ % HANDLES;
-    return 0;
+    memory_reset();
+    memory.connected = memory.jobs_never_end = 1;
+    memory.history_class = 0x730000;
+    memory.history_subtype = 101;
+    memory.on_start = start_job;
+    memory.on_history = check_history;
 }
 
 /* C library */

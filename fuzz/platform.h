@@ -1,5 +1,5 @@
 /*
- * platform.h: the services of platform/, the clock and malloc(), all of which do what a target says. Nothing forks.
+ * platform.h: the memory platform, the clock and malloc(), all of which do what a target says. Nothing forks.
  */
 #ifndef FUZZ_PLATFORM_H
 #define FUZZ_PLATFORM_H
@@ -7,28 +7,20 @@
 #include <stdint.h>
 
 #include "dnscache/dnscache.h"
+#include "platform/memory/memory_platform.h"
 
 /* So few that a handle is given to a second job while the first still runs. */
 constexpr uint32_t HANDLES = 13;
 
-/* What a job brings back. */
-struct job_result {
-    uint32_t syserr;
-    void *ret_info;
-    uint32_t ret_info_size;
-    int32_t ret_syserr;
-};
-
 struct scripted_platform {
     int64_t now;
     unsigned failing_malloc;    /* counts down; the malloc() that finds it at 1 fails */
-    struct job_result blocking; /* of every blocking job */
+    memory_completion blocking; /* of every blocking job */
     uint32_t refused;           /* bit i: background start i is refused, counted modulo 32 */
     uint32_t waits, starts;     /* blocking jobs run and background starts tried */
     uint32_t handles;           /* given so far: 1 to HANDLES, then 1 again */
     int32_t seconds;            /* time-out of the last job */
     server_addr_info request;   /* its request, as it was before the start */
-    bool connected;             /* to the routing context */
 };
 extern scripted_platform platform;
 

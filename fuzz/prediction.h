@@ -172,7 +172,7 @@ struct prediction {
 
     /* The record that a result of 0 is decoded from goes to *answered. */
     int look_up(std::string_view node, std::string_view service, const dnscache_addrinfo_image &hints,
-                int32_t vrf, const job_result &outcome, server_spawnlet_data_t *answered)
+                int32_t vrf, const memory_completion &outcome, server_spawnlet_data_t *answered)
     {
         const server_spawnlet_data_t *found = answer(key_of(node, port_of(service), vrf));
         counts[found != nullptr ? "hits" : "misses"]++;
@@ -201,7 +201,7 @@ struct prediction {
         return 0;
     }
 
-    void complete(uint32_t handle, const job_result &result)
+    void complete(uint32_t handle, const memory_completion &result)
     {
         if (result.ret_info != nullptr && result.ret_info_size >= 1676) {
             const server_spawnlet_data_t record = taken_in(result.ret_info, now);

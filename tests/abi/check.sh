@@ -58,7 +58,7 @@ initialisers)
     ;;
 headers)
     flags="-I$source $(pkg-config --cflags glib-2.0) -Wall -Wextra -Wpedantic -Werror -fsyntax-only"
-    for header in "$source"/dnscache/dnscache.h "$source"/platform/*.h "$source"/platform/linux/linux_platform.h; do
+    for header in "$source"/dnscache/dnscache.h "$source"/platform/*.h "$source"/platform/*/*_platform.h; do
         for compiler in "$CC -std=c11 -xc" "$CXX -std=c++20 -xc++"; do
             echo "#include \"$header\"" | $compiler $flags -
         done
@@ -68,7 +68,7 @@ floors)
     # An include may go to its own floor or down; the library and the platform never see each other's insides.
     floor() {
         case $1 in
-        platform/linux/*) echo 90 ;;
+        platform/*/*) echo 90 ;;
         platform/*) echo 0 ;;
         dnscache/state.*) echo 4 ;;
         dnscache/diagnostics/*) echo 2 ;;

@@ -4,6 +4,7 @@
 #include "dnscache/dnscache.h"
 #include "platform/evtrack.h"
 #include "platform/linux/linux_platform.h"
+#include "platform/memory/memory_platform.h"
 #include "platform/nsbind.h"
 #include "platform/platmgr.h"
 #include "platform/rtctx.h"

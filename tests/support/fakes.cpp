@@ -4,30 +4,16 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
 
 #include <sstream>
-
-#include "platform/evtrack.h"
-#include "platform/nsbind.h"
-#include "platform/platmgr.h"
-#include "platform/rtctx.h"
-#include "platform/spawnlet.h"
 
 fake_world fake;
 
 static void note(const std::string &line)
 {
     fake.log.push_back(line);
-}
-
-static std::string format_text(const char *format, va_list args)
-{
-    char text[4096];
-    const int length = vsnprintf(text, sizeof text, format, args);
-    return {text, static_cast<size_t>(length)};
 }
 
 /* A stream whose writes are lines of the log. */
@@ -43,36 +29,6 @@ static FILE *noting_stream(const char *sink, int buffering)
                                {.read = nullptr, .write = note_write, .seek = nullptr, .close = nullptr});
     setvbuf(stream, nullptr, buffering, 4096);
     return stream;
-}
-
-/* Fixture */
-
-static FILE *real_stdout;
-
-void world_test::SetUp()
-{
-    fake = {};
-    local_cache = job_list = nullptr;
-    running_jobs = cache_initialised = 0;
-    blocking_timeout = 3;
-    cache_timeout = 60;
-    async_queue = 0;
-    log_file = nullptr;
-    memset(file_name, 0, sizeof file_name);
-    signal(SIGCHLD, SIG_DFL);
-    real_stdout = stdout;
-    stdout = noting_stream("P ", _IONBF);
-}
-
-void world_test::TearDown()
-{
-    fclose(stdout);
-    stdout = real_stdout;
-    if (log_file != nullptr)
-        fclose(log_file);
-    destroy_dns_cache(local_cache);
-    destroy_dns_cache(job_list);
-    EXPECT_EQ(fake.blocks.size(), 0u) << "leaked";
 }
 
 server_spawnlet_data_t a_record(const std::string &host, int port, int vrf,
@@ -101,67 +57,25 @@ server_spawnlet_data_t a_record(const std::string &host, int port, int vrf,
     return record;
 }
 
-/* Platform services */
+/* What the platform sees */
 
-evtrack_modname evtrack_dbg_modname = {"fake"};
-
-int evtrack_hist_event_subtype_check(uint32_t event_class, uint32_t subtype)
+static void note_call(const char *text)
 {
-    return fake.history && event_class == 0x730000 && subtype == 101 ? 0 : 1;
+    note(text);
 }
 
-int evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record)
+static void note_history(uint32_t, uint32_t length, const void *record)
 {
     const auto *bytes = static_cast<const char *>(record);
-    EXPECT_EQ(event_class, 0x730000u);
     EXPECT_EQ(std::string(bytes, 4), std::string("\x65\0\0\0", 4));
     EXPECT_EQ(length, 4 + strlen(bytes + 4) + 1);
     EXPECT_LE(length, 516u);
     note(std::string("H ") + (bytes + 4));
-    return -1;
 }
 
-int evtrack_chk_int(int flag, int a, int b, int c)
+static void note_debug(const char *text, size_t length)
 {
-    return fake.debug && flag == 101 && a == 0 && b == 0 && c == 1;
-}
-
-int dbgemit(int one, const void *modname, int zero, const char *format, ...)
-{
-    EXPECT_TRUE(one == 1 && modname == &evtrack_dbg_modname && zero == 0);
-    va_list args;
-    va_start(args, format);
-    note("B " + format_text(format, args));
-    va_end(args);
-    return -1;
-}
-
-uint32_t platmgr_partition_get(void)
-{
-    return static_cast<uint32_t>(fake.partition);
-}
-
-int rtctx_api_init(void)
-{
-    note("rtctx_api_init");
-    return fake.rtctx_fails ? 0 : 1;
-}
-
-void rtctx_api_close(void)
-{
-    note("rtctx_api_close");
-}
-
-int nsbind_set_global_context(int32_t vrf)
-{
-    note("nsbind " + std::to_string(vrf));
-    return -1;
-}
-
-uint32_t spawnlet_register_async_q(uint32_t queue)
-{
-    note("register queue " + std::to_string(queue));
-    return static_cast<uint32_t>(fake.register_result);
+    note("B " + std::string(text, length));
 }
 
 static std::string name_of(const FILE *stream)
@@ -174,19 +88,20 @@ static std::string name_of(const FILE *stream)
 }
 
 /* All that a job start is given, and the state of the process at that moment. */
-static void note_fork(const char *kind, spawnlet_body_t body, void *arg, job_options options, FILE *in,
-                      FILE *out, FILE *err)
+static void note_start(const memory_job &job)
 {
     static uint32_t last_tag;
     struct sigaction sigchld;
     sigaction(SIGCHLD, nullptr, &sigchld);
-    const auto *request = static_cast<server_addr_info *>(arg);
-    EXPECT_EQ(body, reinterpret_cast<spawnlet_body_t>(resolve_server_hostname));
+    const auto *request = static_cast<server_addr_info *>(job.arg);
+    job_options options = *job.options;
+    EXPECT_EQ(job.body, reinterpret_cast<spawnlet_body_t>(resolve_server_hostname));
     std::ostringstream text;
-    text << kind << " " << request->serv_name << ":" << request->service << ":" << request->vrf << " family "
-         << request->hints.ai_family << ", " << options.timeout_secs << " s, flag " << options.option_flag
-         << ", " << (options.job_tag == last_tag ? "same tag" : "new tag") << ", streams " << name_of(in)
-         << " " << name_of(out) << " " << name_of(err) << ", SIGCHLD "
+    text << (job.in_background ? "fork async " : "fork ") << request->serv_name << ":" << request->service
+         << ":" << request->vrf << " family " << request->hints.ai_family << ", " << options.timeout_secs
+         << " s, flag " << options.option_flag << ", "
+         << (options.job_tag == last_tag ? "same tag" : "new tag") << ", streams " << name_of(job.in) << " "
+         << name_of(job.out) << " " << name_of(job.err) << ", SIGCHLD "
          << (sigchld.sa_handler == SIG_DFL ? "default" : "other");
     note(text.str());
     last_tag = options.job_tag;
@@ -197,38 +112,56 @@ static void note_fork(const char *kind, spawnlet_body_t body, void *arg, job_opt
     EXPECT_EQ(memcmp(&options, &zero, sizeof zero), 0);
 }
 
-uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint32_t *ret_info_size,
-                          int32_t *ret_syserr, const job_options *options, FILE *in, FILE *out, FILE *err)
+/* A job that is waited for comes to what the test says; those in the background are for it to complete. */
+static uint32_t start_job(memory_job *job)
 {
-    note_fork("fork", body, arg, *options, in, out, err);
-    EXPECT_TRUE(*ret_info == nullptr && *ret_info_size == 0 && *ret_syserr == 0);
-    *ret_info = fake.ret_info.empty() || fake.loses_buffer ? nullptr : fake.ret_info.data();
-    *ret_info_size = static_cast<uint32_t>(fake.ret_info.size());
-    *ret_syserr = static_cast<int32_t>(fake.ret_syserr);
-    return static_cast<uint32_t>(fake.syserr);
-}
-
-uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one, const job_options *options,
-                                FILE *in, FILE *out, FILE *err, uint32_t *handle)
-{
-    EXPECT_EQ(one, 1);
-    note_fork("fork async", body, arg, *options, in, out, err);
-    if (fake.async_syserr == 0)
-        *handle = static_cast<uint32_t>(fake.next_handle++);
-    return static_cast<uint32_t>(fake.async_syserr);
-}
-
-int spawnlet_done(const void *buffer, uint32_t size)
-{
-    const auto *bytes = static_cast<const unsigned char *>(buffer);
-    fake.handed_back.assign(bytes, bytes + size);
-    note("hand back " + std::to_string(size));
+    static memory_completion outcome;
+    note_start(*job);
+    if (job->in_background)
+        return static_cast<uint32_t>(fake.async_syserr);
+    outcome = {.syserr = static_cast<uint32_t>(fake.syserr),
+               .ret_info = fake.ret_info.empty() || fake.loses_buffer ? nullptr : fake.ret_info.data(),
+               .ret_info_size = static_cast<uint32_t>(fake.ret_info.size()),
+               .ret_syserr = static_cast<int32_t>(fake.ret_syserr)};
+    job->outcome = &outcome;
     return 0;
 }
 
-const char *errcode2str(uint32_t code)
+/* Fixture */
+
+static FILE *real_stdout;
+
+void world_test::SetUp()
 {
-    return code == 0 ? "fine" : "broken";
+    fake = {};
+    memory_reset();
+    memory.next_handle = 0x100;
+    memory.jobs_never_end = 1;
+    memory.on_start = start_job;
+    memory.on_call = note_call;
+    memory.on_history = note_history;
+    memory.on_debug = note_debug;
+    local_cache = job_list = nullptr;
+    running_jobs = cache_initialised = 0;
+    blocking_timeout = 3;
+    cache_timeout = 60;
+    async_queue = 0;
+    log_file = nullptr;
+    memset(file_name, 0, sizeof file_name);
+    signal(SIGCHLD, SIG_DFL);
+    real_stdout = stdout;
+    stdout = noting_stream("P ", _IONBF);
+}
+
+void world_test::TearDown()
+{
+    fclose(stdout);
+    stdout = real_stdout;
+    if (log_file != nullptr)
+        fclose(log_file);
+    destroy_dns_cache(local_cache);
+    destroy_dns_cache(job_list);
+    EXPECT_EQ(fake.blocks.size(), 0u) << "leaked";
 }
 
 /* C library */

@@ -1,7 +1,6 @@
 /*
- * fakes.h: stand-ins for the platform services and for the C library calls whose results a test scripts. They
- * are linked in place of the real ones: the platform's by name, the C library's by the linker's --wrap. What
- * the library does to the outside is noted in fake.log, in order.
+ * fakes.h: the memory platform and stand-ins for the C library calls whose results a test scripts, which the linker's
+ * --wrap puts in place of the real ones. What the library does to the outside is noted in fake.log, in order.
  */
 #ifndef TESTS_SUPPORT_FAKES_H
 #define TESTS_SUPPORT_FAKES_H
@@ -14,21 +13,20 @@
 
 #include "dnscache/dnscache.h"
 #include "dnscache/state.h"
+#include "platform/memory/memory_platform.h"
 
 struct fake_world {
     std::vector<std::string> log; /* trace sinks start with H, B, F or P and a blank */
 
     /* switches and results */
-    long history, debug, marker, fopen_fails, partition, rtctx_fails, register_result, syserr, async_syserr,
-        ret_syserr, resolver_result;
-    long now = 1000, next_handle = 0x100;
+    long marker, fopen_fails, syserr, async_syserr, ret_syserr, resolver_result;
+    long now = 1000;
     long failing_malloc; /* counts down; the malloc() that finds it at 1 fails */
     std::vector<unsigned char> ret_info;
     bool loses_buffer; /* a size comes back without its buffer */
     struct addrinfo *resolver_answer;
     std::vector<int> waitpid_results; /* then 0 for ever; negative: minus an errno */
 
-    std::vector<unsigned char> handed_back;
     std::set<void *> blocks; /* taken and not yet freed */
     int waits, sleeps;
 };

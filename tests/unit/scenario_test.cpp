@@ -134,10 +134,8 @@ static void show_state(const words &)
                         : "the host's");
 }
 
-static void show_handed_back()
+static void show_handed_back(const server_spawnlet_data_t &r)
 {
-    server_spawnlet_data_t r = {};
-    memcpy(&r, fake.handed_back.data(), std::min(fake.handed_back.size(), sizeof r));
     std::string entries;
     for (int i = 0; i < r.num_entries; i++)
         entries += "; " + std::to_string(r.ai_hdr[i].ai_family) + " " +
@@ -150,25 +148,30 @@ static void show_handed_back()
 
 /* Commands */
 
+#define SWITCH(world, name)                                                                                  \
+    {                                                                                                        \
+#name, [](int n) { world.name = static_cast<decltype(world.name)>(n); }                              \
+    }
+
 static void set(const words &w)
 {
-    static const std::map<std::string, long *> switches = {{"history", &fake.history},
-                                                           {"debug", &fake.debug},
-                                                           {"marker", &fake.marker},
-                                                           {"fopen_fails", &fake.fopen_fails},
-                                                           {"partition", &fake.partition},
-                                                           {"rtctx_fails", &fake.rtctx_fails},
-                                                           {"syserr", &fake.syserr},
-                                                           {"async_syserr", &fake.async_syserr},
-                                                           {"ret_syserr", &fake.ret_syserr},
-                                                           {"resolver_result", &fake.resolver_result},
-                                                           {"now", &fake.now},
-                                                           {"register_result", &fake.register_result},
-                                                           {"failing_malloc", &fake.failing_malloc}};
-    if (w[1] == "running_jobs")
-        running_jobs = number(w[2]);
-    else
-        *switches.at(w[1]) = number(w[2]);
+    static const std::map<std::string, std::function<void(int)>> switches = {
+        SWITCH(fake, marker),
+        SWITCH(fake, fopen_fails),
+        SWITCH(fake, syserr),
+        SWITCH(fake, async_syserr),
+        SWITCH(fake, ret_syserr),
+        SWITCH(fake, resolver_result),
+        SWITCH(fake, now),
+        SWITCH(fake, failing_malloc),
+        SWITCH(memory, partition),
+        SWITCH(memory, rtctx_fails),
+        SWITCH(memory, register_code),
+        SWITCH(memory, history_subtype),
+        SWITCH(memory, debug_flag),
+        {"running_jobs", [](int n) { running_jobs = n; }}};
+    memory.history_class = 0x730000;
+    switches.at(w[1])(number(w[2]));
 }
 
 #define FIELD(name)                                                                                          \
@@ -294,9 +297,16 @@ static void run_job(const words &w)
     const struct addrinfo hints = {.ai_family = AF_INET6};
     server_addr_info request;
     server_addr_init(w[1].c_str(), w[2].c_str(), &hints, number(w[3]), &request);
-    result("%d", resolve_server_hostname(&request));
-    if (!fake.handed_back.empty())
-        show_handed_back();
+    void *ret_info = nullptr;
+    uint32_t size = 0;
+    int32_t ret_syserr = 0;
+    const job_options options = {.record_size = sizeof options};
+    memory.on_start = nullptr; /* it runs */
+    spawnlet_fork_fp(reinterpret_cast<spawnlet_body_t>(resolve_server_hostname), &request, &ret_info, &size,
+                     &ret_syserr, &options, nullptr, nullptr, nullptr);
+    result("%d", ret_syserr);
+    if (size == sizeof(server_spawnlet_data_t))
+        show_handed_back(*static_cast<server_spawnlet_data_t *>(ret_info));
 }
 
 static void wait_for_child(const words &w)
