@@ -204,21 +204,3 @@ TEST(Spawnlet, ChildDiesWithItsParent)
     waitpid(parent, nullptr, 0);
     EXPECT_TRUE(becomes_readable(static_cast<uint32_t>(pidfd)));
 }
-
-static void collect_all(int)
-{
-    const int error = errno;
-    while (waitpid(-1, nullptr, WNOHANG) > 0)
-        ;
-    errno = error;
-}
-
-TEST(Spawnlet, MindsNoHostThatCollectsAllChildren)
-{
-    const size_t before = open_descriptors().size();
-    signal(SIGCHLD, collect_all);
-    for (int i = 0; i < 100; i++)
-        EXPECT_EQ(run_job(i % 2 == 0 ? nothing : crash).code,
-                  i % 2 == 0 ? 0u : uint32_t{LINUX_JOB_NO_RESULT});
-    EXPECT_TRUE(leaves_nothing_behind(before));
-}
