@@ -20,6 +20,35 @@ exported() {
     nm -D --defined-only "$1" | awk '{ print $3 }' | sort
 }
 
+# describe LIBRARY: its ABI, the same on every machine. Records of GLib and libc are theirs: they have no inside here.
+describe() {
+    abidw --exported-interfaces-only --drop-undefined-syms --no-architecture --no-corpus-path --no-comp-dir-path \
+        --no-elf-needed --no-parameter-names --type-id-style hash "$build/$1.so" > "$work/abidw"
+    awk '/<class-decl .*\/usr\/include\/.*[^\/]>$/ {
+             sub(/>$/, " is-declaration-only=\047yes\047/>"); sub(/ size-in-bits=[^ ]*/, ""); print; foreign = 1 }
+         !foreign
+         /<\/class-decl>/ { foreign = 0 }' "$work/abidw" |
+        sed -E "s/ (filepath|line|column)='[^']*'//g; s, path='$source/, path=',"
+}
+
+# kept LIBRARY: the file that its ABI is held against, one for each word size.
+kept() {
+    echo "$source/tests/abi/$1.$(readelf -h "$build/$1.so" | sed -n 's/.*Class: *ELF//p').abi"
+}
+
+# verdict KEPT NOW: same, added or incompatible; $work/report says why. abidiff ends alike for an addition and for a
+# changed parameter, so it is asked again without additions. Its own failure counts as incompatible.
+verdict() {
+    if abidiff "$1" "$2" > "$work/report"; then
+        echo same
+    elif abidiff --no-added-syms "$1" "$2" > "$work/incompatible"; then
+        echo added
+    else
+        cp "$work/incompatible" "$work/report"
+        echo incompatible
+    fi
+}
+
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -90,6 +119,45 @@ floors)
     done < "$work/includes" > "$work/wrong"
     cat "$work/wrong"
     [ ! -s "$work/wrong" ] && [ "$(wc -l < "$work/includes")" -gt 20 ]
+    ;;
+gate)
+    for library in libdnscache libdnscache-linux; do
+        describe $library > "$work/now"
+        grep -q '<function-decl' "$work/now" || { echo "$library.so has no debug information"; exit 1; }
+        verdict=$(verdict "$(kept $library)" "$work/now")
+        [ "$verdict" = same ] || { cat "$work/report"; echo "$library: $verdict" >> "$work/verdicts"; }
+    done
+    [ ! -e "$work/verdicts" ] || {
+        cat "$work/verdicts"
+        echo 'added: run scripts/abi-accept. incompatible: programs that are there break; undo it, or raise SOVERSION first'
+        exit 1
+    }
+    ;;
+accept)
+    for library in libdnscache libdnscache-linux; do
+        describe $library > "$(kept $library)"
+    done
+    ;;
+verdicts)
+    # The gate's verdict, and what abidiff says, on a library in which one thing is different.
+    kept=$(kept libdnscache)
+    while IFS='|' read -r expected reason edit; do
+        sed "$edit" "$kept" > "$work/now"
+        if cmp -s "$kept" "$work/now" || [ "$(verdict "$kept" "$work/now")" != "$expected" ] ||
+            { [ -n "$reason" ] && ! grep -q "$reason" "$work/report"; }; then
+            cat "$work/report"
+            echo "not $expected: $edit"
+            exit 1
+        fi
+    done << 'END'
+same||s/bounded_list.cpp/lists.cpp/
+added|1 Added function|/<elf-symbol name='free_node'/{p;s/free_node/new_node/;}
+incompatible|1 Removed|/<elf-symbol name='free_node'/d; /<function-decl name='free_node'/,/<.function-decl>/d
+incompatible|parameter 1 .* changed|/<function-decl name='dns_cache_set_timeout'/,/<return/s/<parameter type-id='[^']*/<parameter type-id='eaa32e2f/
+incompatible|return type changed|/<function-decl name='get_list_length'/,/<.func/s/<return type-id='[^']*/<return type-id='eaa32e2f/
+incompatible|offset changed|/<class-decl name='server_addr_info'/,/<.class-decl>/s/bits='4480'/bits='4448'/
+incompatible|changed from 255 to 256|s/name='file_name' size='255'/name='file_name' size='256'/
+END
     ;;
 readme)
     # The example host is a program: it builds against both libraries as it stands there.
