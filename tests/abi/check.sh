@@ -49,6 +49,13 @@ verdict() {
     fi
 }
 
+# program DOCUMENT NAME PLATFORM: build the C program that is in it.
+program() {
+    awk '/^```/ { inside = $0 == "```c"; next } inside' "$source/$1" > "$work/$2.c"
+    $CC -std=gnu11 -Wall -Wextra -Werror -I"$source" "$work/$2.c" -o "$work/$2" -L"$build" -ldnscache "$3" \
+        $(pkg-config --cflags --libs glib-2.0) -Wl,-rpath,"$build"
+}
+
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -170,11 +177,12 @@ golden)
     same "$source/tests/abi/golden/read.txt" "$work/read"
     ;;
 readme)
-    # The example host is a program: it builds against both libraries as it stands there.
-    awk '/^```/ { inside = $0 == "```c"; next } inside' "$source/README.md" > "$work/host.c"
-    $CC -std=gnu11 -Wall -Wextra -Werror -I"$source" "$work/host.c" -o "$work/host" -L"$build" -ldnscache \
-        -ldnscache-linux $(pkg-config --cflags --libs glib-2.0) -Wl,-rpath,"$build"
+    # The programs in the documents are programs: they build, as they stand there, against what they are about.
+    program README.md host "$build/libdnscache-linux.so"
     "$work/host" localhost > "$work/answers"
     grep -q '^127\.0\.0\.1$' "$work/answers" # with the library's trace around it
+    memory=$build/CMakeFiles/dnscache_platform_memory_objects.dir/platform/memory/memory_platform.cpp.o
+    program docs/porting.md tested "$memory"
+    [ "$("$work/tested" 2>&1 > /dev/null)" = '-3, then 0' ]
     ;;
 esac
