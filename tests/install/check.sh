@@ -1,0 +1,79 @@
+#!/bin/sh
+# check.sh WHAT BUILD_DIR SOURCE_DIR: what `cmake --install` gives, used where it was moved to. The compilers and their
+# flags are in CC, CFLAGS, CXX, CXXFLAGS and LDFLAGS.
+# shellcheck disable=SC2086 # options are several words
+set -eu
+build=$2
+source=$3
+tests=$source/tests/install
+work=$build/install-tests
+# If there is a sysroot, that is where a build for it installs: pkg-config takes all paths for paths below it.
+place=${PKG_CONFIG_SYSROOT_DIR:-$work}/moved
+export PKG_CONFIG_PATH="$place/lib/pkgconfig"
+platform_only='libc.so.6 libdnscache-linux.so.0 libglib-2.0.so.0'
+other_libraries=${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+
+# answers ADDRESS PROGRAM [FOLDER]: what the program says of 127.0.0.1, with the library's trace around it.
+answers() {
+    LD_LIBRARY_PATH="${3:-$place/lib}$other_libraries" "$2" 127.0.0.1 > "$work/answers"
+    grep -qx "$1" "$work/answers"
+}
+
+compile() { # MODULES OPTIONS...
+    flags=$(pkg-config --cflags --libs $1)
+    shift
+    $CC $CFLAGS -std=gnu11 -Wall -Wextra -Werror "$@" $flags $LDFLAGS
+}
+
+# needs PROGRAM LIBRARIES: these, and no others.
+needs() {
+    needed=$(readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | LC_ALL=C sort | paste -sd ' ')
+    [ "$needed" = "$2" ] || { echo "$1 needs $needed"; exit 1; }
+}
+
+case $1 in
+tree)
+    rm -rf "$work" "$place"
+    mkdir -p "$work"
+    cmake --install "$build" --prefix "$work/first" > "$work/log"
+    mv "$work/first" "$place"
+    ;;
+paths)
+    # Nothing but the debug information knows where it was built or first installed.
+    find "$place" -type f > "$work/files"
+    [ "$(wc -l < "$work/files")" -ge 15 ]
+    while read -r file; do
+        objcopy --strip-debug "$file" "$work/stripped" 2> /dev/null || cp "$file" "$work/stripped"
+        ! grep -a -q -e "$build" -e "$source" "$work/stripped" || { echo "$file has a path of the build"; exit 1; }
+    done < "$work/files"
+    ;;
+pkg_config)
+    compile 'dnscache dnscache-linux' "$tests/host.c" -o "$work/host"
+    answers 127.0.0.1 "$work/host"
+    ;;
+other_platform)
+    # The same program, and the same library: only the platform layer is another one. Hardened libraries, such as those of
+    # the Debian packages, are bound to it at once.
+    mkdir -p "$work/other"
+    cp -P "$place"/lib/libdnscache.so.* "$work/other"
+    compile dnscache -shared -fPIC "$tests/other_platform.c" -o "$work/other/libdnscache-linux.so.0"
+    LD_BIND_NOW=1 answers 192.0.2.1 "$work/host" "$work/other"
+    ;;
+static)
+    compile 'dnscache-linux glib-2.0' "$tests/host.c" -l:libdnscache.a -o "$work/static_host"
+    needs "$work/static_host" "$platform_only"
+    answers 127.0.0.1 "$work/static_host"
+    ;;
+cmake)
+    cmake -G Ninja -S "$tests/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$place" > "$work/log"
+    cmake --build "$work/consumer" > "$work/log" || { cat "$work/log"; exit 1; }
+    answers 127.0.0.1 "$work/consumer/host"
+    needs "$work/consumer/static_host" "$platform_only"
+    answers 127.0.0.1 "$work/consumer/static_host"
+    ;;
+program)
+    # It finds its libraries by itself.
+    "$place/bin/dnscache-lookup" 127.0.0.1 > "$work/answers"
+    grep -q '^127\.0\.0\.1 ' "$work/answers"
+    ;;
+esac
