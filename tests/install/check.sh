@@ -56,7 +56,8 @@ other_platform)
     # the Debian packages, are bound to it at once.
     mkdir -p "$work/other"
     cp -P "$place"/lib/libdnscache.so.* "$work/other"
-    compile dnscache -shared -fPIC "$tests/other_platform.c" -o "$work/other/libdnscache-linux.so.0"
+    memory=$build/CMakeFiles/dnscache_platform_memory_objects.dir/platform/memory/memory_platform.cpp.o
+    compile dnscache -I"$source" -shared -fPIC "$tests/other_platform.c" "$memory" -o "$work/other/libdnscache-linux.so.0"
     LD_BIND_NOW=1 answers 192.0.2.1 "$work/host" "$work/other"
     ;;
 static)

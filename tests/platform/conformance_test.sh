@@ -31,6 +31,7 @@ loses the input:input is read from its stream
 collects every child:other children of the host
 changes SIGCHLD:signals of the host are as before
 leaves a descriptor:no descriptor and no child is left
+leaves a child:no descriptor and no child is left
 completes without a record:a job in the background ends
 delivers twice:a job in the background ends
 gives each job the same handle:a job in the background ends
