@@ -5,7 +5,6 @@ program=$1 resolver=$2
 work=$(mktemp -d)
 host=
 trap '[ -z "$host" ] || kill -s KILL "$host"; rm -rf "$work"' EXIT
-mkfifo "$work/lines"
 
 fail() {
     echo "$case: $*"
@@ -15,6 +14,8 @@ fail() {
 # start PRELOADED NAME: with answers that expire after a second, so that the host's timer is fast.
 start() {
     case=$2
+    rm -f "$work/lines" "$work/trace" # a child of the last host may still be writing to these
+    mkfifo "$work/lines"
     ASAN_OPTIONS="verify_asan_link_order=0:${ASAN_OPTIONS:-}" SCRIPT_DIR=$work LD_PRELOAD=$1 \
         "$program" "$2" 123 0 1 > "$work/trace" 2> "$work/lines" &
     host=$!
