@@ -248,16 +248,17 @@ static int open_descriptors(void)
     DIR *folder = opendir("/proc/self/fd");
     while (folder != NULL && readdir(folder) != NULL)
         count++;
-    closedir(folder);
+    if (folder != NULL)
+        closedir(folder);
     return count;
 }
 
 static int children(void)
 {
-    int count = 0, pid;
-    FILE *list = fopen("/proc/thread-self/children", "re");
-    while (list != NULL && fscanf(list, "%d", &pid) == 1)
-        count++;
+    int count = 0, character;
+    FILE *list = fopen("/proc/thread-self/children", "re"); /* each is a number and a blank */
+    while (list != NULL && (character = fgetc(list)) != EOF)
+        count += character == ' ';
     if (list != NULL)
         fclose(list);
     return count;
