@@ -13,8 +13,8 @@
  *               resolves and hands back a fixed record; you wait for it at most the blocking time-out (3 s).
  *               Nothing is ever resolved in your own process.
  *
- *   Try again   -3 means that the child took too long: a second child goes on in the background, for 300 s at
- *               most. Return to your event loop and look the name up again when its completion has come.
+ *   Try again   -3 means that the child brought no result in time: a second one goes on in the background, for
+ *               300 s at most. Return to your event loop and look the name up again when its completion has come.
  *
  *   Completion  When your queue delivers a finished job, pass its five values to
  *               dnscache_spawnletcb_job_done(). It stores the answer and forgets the job; the retry is a hit.
@@ -36,7 +36,8 @@
  *               no exit status. If you have some, save your sigaction() before a lookup and restore it after,
  *               then raise(SIGCHLD): your handler was not told of those that ended during the wait. Starting
  *               a background job changes no signal disposition.
- *   stdout      Every trace message is printed to standard output, unflushed. While the file
+ *   stdout      Every trace message is printed to standard output, unflushed: have one that never blocks, such as
+ *               /dev/null or a file. While the file
  *               /bootflash/.enable_dns_debugs exists it goes to /tmp/dnscache.log.PARTITION too, if that is
  *               a regular file of your own user's, with no other link, or there is nothing yet, and if others
  *               cannot replace it there (/tmp is sticky).
@@ -143,12 +144,15 @@ extern char file_name[255];
  *
  *  0       found; *res is a chain of one to four addresses that you release with freeaddrinfo()
  * -3       not yet: a background job was started. Try again after its completion
- * -1       refused: an argument is NULL, no memory, MAX_SPAWNLETS jobs are running, the background job could
- *          not be started, or the child's record was unusable
+ * -1       refused: an argument is NULL, no memory, or the child's record was unusable; or the child brought no
+ *          result, and MAX_SPAWNLETS jobs are running or the background job could not be started
  * other    the child's getaddrinfo() code, negative; gai_strerror() has its text. It may be -3 as well, which
  *          then has no job behind it. Failures are not cached
  * other    the job service's code, unchanged; errcode2str() has its text. The blocking job was not completed
  *          and a background job for the same host is running already. The Linux platform's are positive
+ *
+ * The cache key, host:port:vrf, holds 98 characters. Of a longer one the VRF is cut first: look up no names of more
+ * than 80 characters, or the cached answer of another VRF may be what you get.
  *
  * After any result but 0, *res is NULL if you set it so.
  * Blocks   for the blocking time-out at most.
@@ -185,7 +189,8 @@ void dns_cache_set_timeout(int32_t timeout_secs);
  * ret_syserr     what the child returned: 0, or the code of its getaddrinfo(). Nonzero: nothing is cached
  *
  * The record enters the cache unless its key is answered there already; the job leaves the job list. If
- * memory runs out the job stays listed, as if its completion had not come. An unknown handle removes nothing.
+ * memory runs out the job stays listed, as if its completion had not come; a second call, with no record, ends
+ * that. An unknown handle removes nothing.
  */
 void dnscache_spawnletcb_job_done(uint32_t handle, uint32_t syserr, void *ret_info, uint32_t ret_info_size,
                                   int32_t ret_syserr);

@@ -41,7 +41,7 @@ static void show_addresses(const struct host *host)
     fputc('\n', stderr);
 }
 
-/* Only for a server that the cache has: of any other name this would wait. */
+/* Only for a server that the cache has: for any other it would wait, as it may if memory has run out since. */
 static void look_up(struct host *host)
 {
     char service[12];
@@ -67,6 +67,8 @@ static void take_completion(struct host *host, const linux_completion *done)
     const server_spawnlet_data_t *record = done->ret_info;
     dnscache_spawnletcb_job_done(done->handle, done->syserr, done->ret_info, done->ret_info_size,
                                  done->ret_syserr);
+    /* Once more, without the record: had there been no memory for it, the job would count as running for ever. */
+    dnscache_spawnletcb_job_done(done->handle, done->syserr, NULL, 0, done->ret_syserr);
     if (done->syserr != LINUX_JOB_OK)
         fprintf(stderr, "%s: %s\n", host->server, errcode2str(done->syserr));
     else if (done->ret_syserr != 0)
@@ -89,7 +91,10 @@ static bool take_completions(struct host *host)
     return taken == 0;
 }
 
-/* The pass resolves anew what has expired. The start is for a server that has no answer, and else does nothing. */
+/*
+ * The pass resolves anew what has expired. The start is for a server that has no answer, and else starts nothing. A host
+ * of more than MAX_SPAWNLETS servers goes on starting them when a completion has come: see dnscache(7).
+ */
 static void keep_fresh(const struct host *host)
 {
     refresh_dns_cache();
