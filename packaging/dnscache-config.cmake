@@ -1,4 +1,4 @@
-# dnscache::dnscache or dnscache::dnscache_static, and a platform layer for it: dnscache::dnscache_linux, or your own.
+# dnscache::dnscache or dnscache::dnscache_static, and after it a platform layer: dnscache::dnscache_linux, or your own.
 include(CMakeFindDependencyMacro)
 find_dependency(PkgConfig)
 pkg_check_modules(dnscache_glib QUIET IMPORTED_TARGET glib-2.0)

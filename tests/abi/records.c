@@ -18,4 +18,9 @@ _Static_assert(sizeof(job_options) == 44 && offsetof(job_options, timeout_secs) 
                    offsetof(job_options, option_flag) == 40,
                "job options");
 _Static_assert(ENTRY_EMPTY == 0 && ENTRY_INVALID == 1 && ENTRY_FAILED == 2 && ENTRY_RESOLVED == 3, "states");
+_Static_assert(LINUX_JOB_OK == 0 && LINUX_JOB_TIMED_OUT == 0x501 && LINUX_JOB_NO_RESULT == 0x502 &&
+                   LINUX_JOB_FORK_REFUSED == 0x503 && LINUX_JOB_NO_RESOURCES == 0x504 &&
+                   LINUX_JOB_TOO_LARGE == 0x505 && LINUX_JOB_BAD_ARGUMENT == 0x506 && LINUX_VRF_HOST == 0 &&
+                   LINUX_VRF_NAMESPACE == 1 && LINUX_VRF_DEVICE == 2 && LINUX_VRF_UNUSABLE == 3,
+               "the Linux platform's numbers");
 _Static_assert(MAX_CACHE_ENTRIES == 64 && MAX_SPAWNLETS == 10 && sizeof file_name == 255, "limits");

@@ -1,7 +1,7 @@
 #!/bin/sh
 # check.sh WHAT BUILD_DIR SOURCE_DIR: what `cmake --install` gives, used where it was moved to. The compilers and their
 # flags are in CC, CFLAGS, CXX, CXXFLAGS and LDFLAGS.
-# shellcheck disable=SC2086 # options are several words
+# shellcheck disable=SC2046,SC2086 # options are several words
 set -eu
 build=$2
 source=$3
@@ -47,6 +47,24 @@ paths)
         ! grep -a -q -e "$build" -e "$source" "$work/stripped" || { echo "$file has a path of the build"; exit 1; }
     done < "$work/files"
     ;;
+runtime)
+    # A switch gets the two libraries and no more.
+    rm -rf "$work/runtime"
+    cmake --install "$build" --prefix "$work/runtime" --component runtime > "$work/log"
+    (cd "$work/runtime/lib" && echo *) > "$work/files"
+    grep -qx 'libdnscache-linux.so.0 libdnscache-linux.so.[0-9.]* libdnscache.so.0 libdnscache.so.[0-9.]*' "$work/files"
+    ;;
+headers)
+    # Every header that the tree has for others, by the name that it has there, in C and in C++.
+    cd "$source"
+    for header in dnscache/dnscache.h platform/*.h platform/linux/linux_platform.h; do
+        for compiler in "$CC $CFLAGS -std=c11 -xc" "$CXX $CXXFLAGS -std=c++20 -xc++"; do
+            echo "#include <$header>" | $compiler -fsyntax-only $(pkg-config --cflags dnscache) -
+        done
+    done
+    [ "$(pkg-config --print-requires dnscache)" = glib-2.0 ]
+    [ "$(pkg-config --modversion dnscache dnscache-linux | uniq)" = "$(cd "$place/lib" && echo libdnscache.so.?.* | cut -d. -f3-)" ]
+    ;;
 pkg_config)
     compile 'dnscache dnscache-linux' "$tests/host.c" -o "$work/host"
     answers 127.0.0.1 "$work/host"
@@ -66,7 +84,8 @@ static)
     answers 127.0.0.1 "$work/static_host"
     ;;
 cmake)
-    cmake -G Ninja -S "$tests/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$place" > "$work/log"
+    cmake -G Ninja -S "$tests/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$place" \
+        -DCMAKE_EXE_LINKER_FLAGS=-Wl,--no-as-needed > "$work/log" # so that what is linked in vain shows
     cmake --build "$work/consumer" > "$work/log" || { cat "$work/log"; exit 1; }
     answers 127.0.0.1 "$work/consumer/host"
     needs "$work/consumer/static_host" "$platform_only"
@@ -76,5 +95,6 @@ program)
     # It finds its libraries by itself.
     "$place/bin/dnscache-lookup" 127.0.0.1 > "$work/answers"
     grep -q '^127\.0\.0\.1 ' "$work/answers"
+    [ -e "$place/share/bash-completion/completions/dnscache-lookup" ] # the shell loads it by this name
     ;;
 esac

@@ -62,6 +62,10 @@ host)
     # shellcheck disable=SC2086 # several words
     $CC -Wall -Wextra -Werror "$3/tests/install/host.c" -o "$work/host" $flags
     answers "$work/host"
+    for example in "$root"/usr/share/doc/libdnscache-dev/examples/*.c; do
+        # shellcheck disable=SC2086 # several words
+        $CC -Wall -Wextra -Werror "$example" -o "$work/example" $flags
+    done
     ;;
 hardening)
     for file in "$root/usr/bin/dnscache-lookup" "$libraries/libdnscache.so.0" "$libraries/libdnscache-linux.so.0"; do
@@ -77,6 +81,6 @@ hardening)
     done
     ;;
 lintian)
-    lintian --fail-on error,warning "$packages"/*.changes
+    TMPDIR=$work lintian --fail-on error,warning "$packages"/*.changes # it leaves files there
     ;;
 esac
