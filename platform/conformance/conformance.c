@@ -10,29 +10,36 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "platform/evtrack.h"
 #include "platform/nsbind.h"
-#include "platform/platmgr.h"
 #include "platform/rtctx.h"
 #include "platform/spawnlet.h"
 
 #define REQUEST_SIZE 564 /* what the library's jobs get */
 #define RECORD_SIZE 1676 /* and hand back */
 #define JOBS_AT_ONCE 10  /* in the background, for one host */
+#define LATE_MS 5000     /* a time-out of 1 s is not kept if it takes as long as this */
 #ifndef CHECK_SECONDS
 #define CHECK_SECONDS 20 /* after which a check counts as hanging */
 #endif
+#ifndef SOON_MS
 #define SOON_MS 15000 /* what any event takes at most, on a busy machine */
+#endif
+
+/* How a check's process ends, unless a platform makes it end in another way. */
+enum { BROKEN = 81, KEPT, SKIPPED };
 
 static int is_broken;
 
@@ -53,6 +60,8 @@ typedef struct {
     int32_t result; /* to return */
 } task;
 
+#define OTHER 77 /* a result that comes with another record */
+
 static unsigned char pattern(size_t i)
 {
     return (unsigned char)(i * 7 + i / 251);
@@ -72,7 +81,7 @@ static int do_task(void *arg)
     const task *t = arg;
     unsigned char bytes[RECORD_SIZE];
     for (size_t i = 0; i < sizeof bytes; i++)
-        bytes[i] = pattern(i);
+        bytes[i] = (unsigned char)(t->result == OTHER ? ~pattern(i) : pattern(i));
     if (t->size > 0 && spawnlet_done(bytes, t->size) != 0)
         return 99;
     explicit_bzero(bytes, sizeof bytes);
@@ -110,6 +119,30 @@ static int wait_for_ever(void *unused)
     return 0;
 }
 
+static int take_a_while(void *unused)
+{
+    (void)unused;
+    usleep(1500000);
+    return 8;
+}
+
+static int show_pid_and_wait(void *pid)
+{
+    *(int *)pid = (int)getpid();
+    return wait_for_ever(NULL);
+}
+
+/* A process of its own goes on after it, with all that a child has open. */
+static int leave_somebody_behind(void *flag)
+{
+    if (fork() == 0) {
+        while (*(volatile int *)flag == 0)
+            usleep(1000);
+        _exit(0);
+    }
+    return 9;
+}
+
 static int wait_for_flag(void *flag)
 {
     while (*(volatile int *)flag == 0)
@@ -127,6 +160,23 @@ static int report_parent(void *flag)
 {
     *(int *)flag = (int)getppid();
     return (int)getpid() & 0xffff;
+}
+
+static int has_hosts_signals(void *unused)
+{
+    sigset_t mask;
+    struct sigaction action;
+    (void)unused;
+    sigprocmask(SIG_BLOCK, NULL, &mask);
+    sigaction(SIGUSR1, NULL, &action);
+    return action.sa_handler != SIG_DFL || sigismember(&mask, SIGUSR2) == 1;
+}
+
+static FILE *hosts_log;
+
+static int write_to_log(void *text)
+{
+    return fputs(text, hosts_log) < 0 || fflush(hosts_log) != 0;
 }
 
 static int bind_to(void *vrf)
@@ -191,11 +241,14 @@ static outcome run(spawnlet_body_t body, void *arg)
     return run_on(body, arg, 3, NULL, NULL);
 }
 
+#define NO_HANDLE 0xfeedbeef
+
 static uint32_t start(spawnlet_body_t body, void *arg, int32_t timeout_secs)
 {
     const job_options options = options_for(timeout_secs);
-    uint32_t handle = 0;
+    uint32_t handle = NO_HANDLE;
     EXPECT(spawnlet_fork_fp_async(body, arg, 1, &options, stdin, stdout, stderr, &handle) == 0);
+    EXPECT(handle != NO_HANDLE);
     return handle;
 }
 
@@ -264,6 +317,33 @@ static int children(void)
     return count;
 }
 
+static long now_ms(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+/* Whether a process is gone, or soon will be; nobody may have collected it. */
+static int ends(int pid)
+{
+    char path[64], state = 'R';
+    snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    for (int ms = 0; ms < SOON_MS; ms += 10) {
+        char line[256] = "";
+        FILE *stat = fopen(path, "re");
+        if (stat == NULL)
+            return 1;
+        const char *name_end = fgets(line, sizeof line, stat) != NULL ? strrchr(line, ')') : NULL;
+        state = name_end != NULL ? name_end[2] : 'R';
+        fclose(stat);
+        if (state == 'Z' || state == 'X')
+            return 1;
+        usleep(10000);
+    }
+    return 0;
+}
+
 static void collect_all(int number)
 {
     const int error = errno;
@@ -310,7 +390,7 @@ static void one_record_is_not_the_next_ones(void)
 
 static void buffer_outlives_background_jobs(void)
 {
-    task t = {RECORD_SIZE, 0}, other = {1, 0};
+    task t = {RECORD_SIZE, 0}, other = {RECORD_SIZE, OTHER};
     const uint32_t queue = the_queue();
     const outcome o = run(do_task, &t);
     start(do_task, &other, 3);
@@ -336,7 +416,66 @@ static void no_time_out_is_no_time_out(void)
 static void too_long_is_a_code(void)
 {
     task t = {0, 0};
+    const long start_ms = now_ms();
     EXPECT(run_on(too_long(), &t, 1, NULL, NULL).code != 0);
+    EXPECT(now_ms() - start_ms < LATE_MS);
+}
+
+static void ignore(int number)
+{
+    (void)number;
+}
+
+static void signals_do_not_prolong_it(void)
+{
+    const struct sigaction handled = {.sa_handler = ignore};
+    const struct itimerval often = {{0, 100000}, {0, 100000}};
+    sigaction(SIGALRM, &handled, NULL);
+    setitimer(ITIMER_REAL, &often, NULL);
+    too_long_is_a_code();
+}
+
+static void enough_time_is_enough(void)
+{
+    if (the_port.jobs_take != NULL)
+        the_port.jobs_take(2);
+    const outcome o = run_on(take_a_while, NULL, 3, NULL, NULL);
+    EXPECT(o.code == 0 && o.result == 8);
+}
+
+static void child_ends_at_its_time_out(void)
+{
+    int *pid = shared_flag();
+    EXPECT(run_on(show_pid_and_wait, pid, 1, NULL, NULL).code != 0);
+    EXPECT(*pid != 0 && ends(*pid));
+    *pid = 0;
+    const uint32_t queue = the_queue();
+    start(show_pid_and_wait, pid, 1);
+    EXPECT(next(queue).syserr != 0);
+    EXPECT(*pid != 0 && ends(*pid));
+}
+
+static void child_ends_with_its_host(void)
+{
+    int *pid = shared_flag();
+    const pid_t host = fork();
+    if (host == 0) {
+        the_queue();
+        start(show_pid_and_wait, pid, 0);
+        while (*(volatile int *)pid == 0)
+            usleep(1000);
+        _exit(0);
+    }
+    waitpid(host, NULL, 0);
+    EXPECT(*pid != 0 && ends(*pid));
+}
+
+static void result_is_not_waited_for_in_vain(void)
+{
+    int *flag = shared_flag();
+    const outcome o = run(leave_somebody_behind, flag);
+    EXPECT(o.code == 0 && o.result == 9);
+    *flag = 1;
 }
 
 static void killed_is_a_code(void)
@@ -380,6 +519,32 @@ static int *exit_flag;
 static void at_exit(void)
 {
     *exit_flag = 1;
+}
+
+static void childs_signals_are_its_own(void)
+{
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &blocked, NULL);
+    signal(SIGUSR1, collect_all);
+    const uint32_t queue = the_queue();
+    EXPECT(run(has_hosts_signals, NULL).result == 0);
+    start(has_hosts_signals, NULL, 0);
+    EXPECT(next(queue).ret_syserr == 0);
+}
+
+/* The library in a child goes on writing to the log that it has opened in the host. */
+static void log_stays_open(void)
+{
+    char waited_for[] = "one ", background[] = "two ", text[20] = "";
+    hosts_log = tmpfile();
+    const uint32_t queue = the_queue();
+    EXPECT(run(write_to_log, waited_for).result == 0);
+    start(write_to_log, background, 0);
+    EXPECT(next(queue).ret_syserr == 0);
+    rewind(hosts_log);
+    EXPECT(fgets(text, sizeof text, hosts_log) != NULL && strcmp(text, "one two ") == 0);
 }
 
 static void exit_handlers_are_the_hosts(void)
@@ -458,10 +623,13 @@ static void sigchld_may_collect_all(void)
 static void signals_are_as_before(void)
 {
     struct sigaction before[32] = {0}, after = {0};
+    const struct itimerval later = {{0, 0}, {1000, 0}};
+    struct itimerval left;
     sigset_t blocked, mask;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR2);
     sigprocmask(SIG_SETMASK, &blocked, NULL);
+    setitimer(ITIMER_REAL, &later, NULL);
     signal(SIGCHLD, collect_all);
     signal(SIGPIPE, SIG_IGN);
     for (int number = 1; number < 32; number++)
@@ -470,9 +638,11 @@ static void signals_are_as_before(void)
     sigprocmask(SIG_BLOCK, NULL, &mask);
     for (int number = 1; number < 32; number++) {
         sigaction(number, NULL, &after);
-        EXPECT(after.sa_handler == before[number].sa_handler);
+        EXPECT(after.sa_handler == before[number].sa_handler && after.sa_flags == before[number].sa_flags);
         EXPECT(sigismember(&mask, number) == (number == SIGUSR2));
     }
+    getitimer(ITIMER_REAL, &left);
+    EXPECT(left.it_value.tv_sec > 900);
 }
 
 static void other_children_are_left_alone(void)
@@ -495,11 +665,19 @@ static void other_children_are_left_alone(void)
 /* A service may clear up after the last job during its next call, and have a connection of its own from the first on. */
 static void nothing_is_left_behind(void)
 {
+    task t = {RECORD_SIZE, 0};
+    const uint32_t queue = the_queue();
+    start(do_task, &t, 0);
+    next(queue);
     do_nothing_job();
     const int descriptors = open_descriptors();
-    for (int i = 0; i < 50; i++)
+    for (int i = 0; i < 50 && !is_broken; i++) {
         do_nothing_job();
-    for (int tries = 0; tries < 2000 && (open_descriptors() > descriptors + 1 || children() > 1); tries++)
+        start(do_task, &t, 0);
+        next(queue);
+    }
+    for (int tries = 0; tries < 500 && !is_broken && (open_descriptors() > descriptors + 1 || children() > 1);
+         tries++)
         do_nothing_job();
     EXPECT(open_descriptors() <= descriptors + 1);
     EXPECT(children() <= 1);
@@ -527,7 +705,7 @@ static void ends_in_its_completion(void)
     EXPECT(is_empty(queue));
     const uint32_t handle = start(do_task, &t, 0);
     const conformance_completion done = next(queue);
-    EXPECT(handle != 0 && done.handle == handle && done.syserr == 0 && done.ret_syserr == -3);
+    EXPECT(done.handle == handle && done.syserr == 0 && done.ret_syserr == -3);
     EXPECT(done.ret_info_size == RECORD_SIZE && is_pattern(done.ret_info, RECORD_SIZE));
     EXPECT(is_empty(queue));
 }
@@ -595,7 +773,7 @@ static void waiting_takes_no_completion(void)
 
 static void completions_buffer_outlives_starts(void)
 {
-    task t = {RECORD_SIZE, 0}, other = {1, 0};
+    task t = {RECORD_SIZE, 0}, other = {RECORD_SIZE, OTHER};
     const uint32_t queue = the_queue();
     start(do_task, &t, 0);
     const conformance_completion done = next(queue);
@@ -610,6 +788,24 @@ static void killed_is_a_completion(void)
     const conformance_completion done = next(queue);
     EXPECT(done.handle == handle && done.syserr != 0);
     EXPECT(is_empty(queue));
+}
+
+/* The library would keep it. */
+static void failed_job_has_no_record(void)
+{
+    task t = {RECORD_SIZE, 0};
+    const uint32_t queue = the_queue();
+    start(hand_back_and_leave, &t, 0);
+    const conformance_completion done = next(queue);
+    EXPECT(done.syserr != 0 && done.ret_info_size == 0 && done.ret_syserr == 0);
+}
+
+static void start_may_come_before_the_queue(void)
+{
+    task t = {RECORD_SIZE, 0};
+    const uint32_t handle = start(do_task, &t, 0);
+    const conformance_completion done = next(the_queue());
+    EXPECT(done.handle == handle && done.ret_info_size == RECORD_SIZE);
 }
 
 static void too_long_is_a_completion(void)
@@ -637,18 +833,13 @@ static void completions_come_without_sigchld(void)
 
 static void every_code_has_a_text(void)
 {
+    char copy[256];
+    const char *text = errcode2str(1);
+    snprintf(copy, sizeof copy, "%s", text != NULL ? text : "");
     for (uint32_t code = 0; code < 0x1000; code++)
         EXPECT(errcode2str(code) != NULL && errcode2str(code)[0] != '\0');
     EXPECT(errcode2str(UINT32_MAX) != NULL && errcode2str(UINT32_MAX)[0] != '\0');
-}
-
-static void text_stays(void)
-{
-    char copy[256];
-    const char *text = errcode2str(1);
-    snprintf(copy, sizeof copy, "%s", text);
-    every_code_has_a_text();
-    EXPECT(strcmp(text, copy) == 0);
+    EXPECT(text != NULL && strcmp(text, copy) == 0); /* texts do not lie over each other */
 }
 
 static void routing_context_opens_and_closes(void)
@@ -673,12 +864,17 @@ static void vrf_0_binds(void)
 
 static void missing_vrf_does_not_bind(void)
 {
-    EXPECT(run(bind_to, &no_vrf).result == 1);
-    EXPECT(run(bind_to, &negative_vrf).result == 1);
+    int32_t *const missing[] = {&no_vrf, &negative_vrf};
+    for (int i = 0; i < 2; i++) {
+        const outcome o = run(bind_to, missing[i]);
+        EXPECT(o.code != 0 || o.result == 1); /* a child that cannot be bound may be ended */
+    }
 }
 
 static void unbound_reaches_nothing(void)
 {
+    if (!reaches("127.0.0.1"))
+        _exit(SKIPPED);
     const outcome o = run(reach_after_binding_to, &no_vrf);
     EXPECT(o.code != 0 || o.result == 0);
     EXPECT(run(reach_after_binding_to, &host_vrf).result == 1); /* or the check would say nothing */
@@ -686,21 +882,24 @@ static void unbound_reaches_nothing(void)
 
 static void binding_stays_in_its_job(void)
 {
+    const int reached = reaches("127.0.0.1");
     run(bind_to, &no_vrf);
-    EXPECT(reaches("127.0.0.1"));
+    EXPECT(reaches("127.0.0.1") == reached);
     EXPECT(run(bind_to, &host_vrf).result == 0);
 }
 
 static void trace_takes_every_message(void)
 {
-    unsigned char record[516];
-    memset(record, 'x', sizeof record);
-    memcpy(record, "\x65\0\0\0", 4);
-    record[sizeof record - 1] = '\0';
+    struct {
+        uint32_t subtype;
+        char text[512];
+    } record = {101, ""};
     for (int on = 0; on < 2; on++) {
-        for (uint32_t length = 5; length <= sizeof record; length += 511)
-            evtrack_hist_event(0x730000, length, record + (sizeof record - length));
-        dbgemit(1, &evtrack_dbg_modname, 0, "%s", (const char *)record + 4);
+        for (uint32_t length = 0; length < sizeof record.text; length += sizeof record.text - 1) {
+            memset(record.text, 'x', length);
+            evtrack_hist_event(0x730000, 4 + length + 1, &record);
+        }
+        dbgemit(1, &evtrack_dbg_modname, 0, "%s", record.text);
         dbgemit(1, &evtrack_dbg_modname, 0, "%s(%d): %u\n", "name", 1, 2u);
         dbgemit(1, &evtrack_dbg_modname, 0, "%s", "");
         the_port.trace_on();
@@ -715,14 +914,11 @@ static void trace_never_waits(void)
     const int standard_error = dup(2);
     EXPECT(pipe(ends) == 0 && dup2(ends[1], 2) == 2);
     the_port.trace_on();
-    for (int i = 0; i < 10000; i++)
+    for (int i = 0; i < 10000; i++) {
         dbgemit(1, &evtrack_dbg_modname, 0, "%s\n", "more than a pipe holds");
+        evtrack_hist_event(0x730000, 8, "\x65\0\0\0abc");
+    }
     dup2(standard_error, 2);
-}
-
-static void partition_stays(void)
-{
-    EXPECT(platmgr_partition_get() == platmgr_partition_get());
 }
 
 /* All of them */
@@ -739,7 +935,12 @@ static const struct {
     {"the buffer outlives jobs in the background", buffer_outlives_background_jobs, 0},
     {"a body sees its argument", argument_is_seen, 0},
     {"a time-out of 0 is none at once", no_time_out_is_no_time_out, 0},
-    {"a body that takes too long is a code", too_long_is_a_code, 0},
+    {"a body that takes too long is a code, in time", too_long_is_a_code, 0},
+    {"signals do not make it take longer", signals_do_not_prolong_it, 0},
+    {"a body that takes less time than it may is none", enough_time_is_enough, 0},
+    {"a child ends at its time-out", child_ends_at_its_time_out, 1},
+    {"a child ends with its host", child_ends_with_its_host, 1},
+    {"a result is not kept waiting by who stays behind", result_is_not_waited_for_in_vain, 1},
     {"a child that is killed is a code", killed_is_a_code, 1},
     {"a child that leaves without a result is a code", no_result_is_a_code, 1},
     {"also when it has handed something back", record_without_result_is_a_code, 1},
@@ -747,6 +948,8 @@ static const struct {
     {"a body runs in a child of the host", child_is_the_hosts, 1},
     {"a body does not change the host's memory", memory_is_the_hosts, 1},
     {"a child runs none of the host's exit handlers", exit_handlers_are_the_hosts, 1},
+    {"a child has no signal handler and mask of the host's", childs_signals_are_its_own, 1},
+    {"a child can write to a log that the host has open", log_stays_open, 1},
     {"output comes out once, the host's own too", output_comes_out_once, 1},
     {"input is read from its stream, and is empty without one", input_is_read, 1},
     {"a host needs no standard streams", no_streams_are_needed, 0},
@@ -765,10 +968,11 @@ static const struct {
     {"waiting for one job takes no completion of another", waiting_takes_no_completion, 0},
     {"the buffer of a completion outlives the next start", completions_buffer_outlives_starts, 0},
     {"a child that is killed is a completion with a code", killed_is_a_completion, 1},
+    {"a job that failed brings no record, whatever it handed back", failed_job_has_no_record, 1},
     {"a body that takes too long is a completion with a code", too_long_is_a_completion, 0},
+    {"a job may be started before there is a queue", start_may_come_before_the_queue, 0},
     {"completions come while SIGCHLD is blocked", completions_come_without_sigchld, 0},
     {"every code has a text", every_code_has_a_text, 0},
-    {"a text stays as it is", text_stays, 0},
     {"the routing context opens and closes, more than once", routing_context_opens_and_closes, 0},
     {"VRF 0 can be bound to", vrf_0_binds, 0},
     {"a VRF that is not there cannot", missing_vrf_does_not_bind, 0},
@@ -776,49 +980,76 @@ static const struct {
     {"a binding stays in its job", binding_stays_in_its_job, 0},
     {"the trace takes every message", trace_takes_every_message, 0},
     {"the trace never waits", trace_never_waits, 0},
-    {"the partition stays the same", partition_stays, 0},
 };
 
 #define CHECKS (sizeof checks / sizeof checks[0])
 
-/* How a check's process ends, unless a platform makes it end in another way. */
-enum { BROKEN = 81, KEPT = 82 };
-
-static int is_kept(void (*check)(void))
+/* Its time is taken here: a platform could stop a timer of the check's. */
+static int wait_for_check(pid_t process)
 {
-    int status = -1;
+    int status = 0;
+    const long end = now_ms() + CHECK_SECONDS * 1000;
+    while (waitpid(process, &status, WNOHANG) == 0) {
+        if (now_ms() > end) {
+            printf("# waits for ever\n");
+            return BROKEN;
+        }
+        usleep(2000);
+    }
+    if (WIFSIGNALED(status))
+        printf("# %s\n", strsignal(WTERMSIG(status)));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : BROKEN;
+}
+
+static int result_of(void (*check)(void))
+{
     fflush(stdout);
     const pid_t process = fork();
+    if (process < 0)
+        return BROKEN;
     if (process == 0) {
-        alarm(CHECK_SECONDS);
+        setpgid(0, 0);
         check();
         fflush(stdout);
         _exit(is_broken ? BROKEN : KEPT);
     }
-    if (process < 0 || waitpid(process, &status, 0) != process)
-        return 0;
-    if (WIFSIGNALED(status))
-        printf("# %s\n", WTERMSIG(status) == SIGALRM ? "waits for ever" : strsignal(WTERMSIG(status)));
-    return WIFEXITED(status) && WEXITSTATUS(status) == KEPT;
+    setpgid(process, process);
+    const int result = wait_for_check(process);
+    kill(-process, SIGKILL); /* what it has left */
+    return result;
+}
+
+/* Whatever the shell had: checks start with standard streams and the default of signals. */
+static void settle(void)
+{
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, NULL);
+    signal(SIGCHLD, SIG_DFL);
+    signal(SIGALRM, SIG_DFL);
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd < 3)
+        fd = dup(fd);
+    close(fd);
 }
 
 int main(int argc, char **argv)
 {
-    size_t all = 0, broken = 0, skipped = 0;
+    int all = 0, kept = 0, skipped = 0;
+    settle();
     for (size_t i = 0; i < CHECKS; i++) {
         if (argc > 1 && strstr(checks[i].text, argv[1]) == NULL)
             continue;
-        all++;
-        if (checks[i].needs_processes && !the_port.jobs_are_processes) {
-            printf("ok %zu - %s # SKIP jobs are no processes\n", all, checks[i].text);
-            skipped++;
-            continue;
-        }
-        const int holds = is_kept(checks[i].check);
-        printf("%s %zu - %s\n", holds ? "ok" : "not ok", all, checks[i].text);
-        broken += (size_t)!holds;
+        const int applies = !checks[i].needs_processes || the_port.jobs_are_processes;
+        const int result = applies ? result_of(checks[i].check) : SKIPPED;
+        kept += result == KEPT;
+        skipped += result == SKIPPED;
+        printf("%s %d - %s%s\n", result == KEPT || result == SKIPPED ? "ok" : "not ok", ++all, checks[i].text,
+               !applies            ? " # SKIP jobs are no processes"
+               : result == SKIPPED ? " # SKIP this machine does not reach itself"
+                                   : "");
     }
-    printf("1..%zu\n# %s: %zu kept, %zu broken, %zu do not apply\n", all, the_port.name,
-           all - broken - skipped, broken, skipped);
-    return all == 0 || broken > 0;
+    printf("1..%d\n# %s: %d kept, %d broken, %d do not apply\n", all, the_port.name, kept,
+           all - kept - skipped, skipped);
+    return all == 0 || kept + skipped < all;
 }

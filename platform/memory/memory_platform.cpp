@@ -33,6 +33,7 @@ void memory_reset(void)
     memory = {};
     pending_count = 0;
     created_queues = registered_queue = 0;
+    open_handback = nullptr; /* a test may have left a body by longjmp() */
 }
 
 static void note(const char *format, long number)
@@ -225,8 +226,10 @@ int dbgemit(int one, const void *modname, int zero, const char *format, ...)
     va_start(args, format);
     const int length = vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof text;
-    if (fits && memory.on_debug != nullptr && one == 1 && zero == 0 && modname == &evtrack_dbg_modname)
-        memory.on_debug(text, static_cast<size_t>(length));
+    const size_t kept = length < 0                                  ? 0
+                        : static_cast<size_t>(length) < sizeof text ? static_cast<size_t>(length)
+                                                                    : sizeof text - 1;
+    if (memory.on_debug != nullptr && one == 1 && zero == 0 && modname == &evtrack_dbg_modname)
+        memory.on_debug(text, kept);
     return 0;
 }

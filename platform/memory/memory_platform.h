@@ -46,13 +46,15 @@ typedef struct {
     void *arg; /* not copied: must live until the completion */
     const job_options *options;
     FILE *in, *out, *err;
-    const memory_completion *outcome; /* NULL; a hook may set it: the job comes to this, and no body runs */
+    /* NULL; a hook may set it: the job comes to this, which must live as long, and no body runs */
+    const memory_completion *outcome;
 } memory_job;
 
 /* Everything that can be said and seen. */
 typedef struct {
     /* said; all zero at start */
-    int32_t job_seconds;    /* what every job takes: with a shorter time-out it times out, and no body runs */
+    int32_t
+        job_seconds; /* what a job takes that ends now: with a shorter time-out it has timed out, and no body runs */
     int jobs_never_end;     /* background jobs get a handle, and nothing else comes of them */
     uint32_t next_handle;   /* of the next background job; 0 is passed over */
     uint32_t register_code; /* of spawnlet_register_async_q() */
@@ -66,7 +68,7 @@ typedef struct {
     uint32_t (*on_start)(memory_job *job); /* nonzero: the job is refused with this code */
     void (*on_call)(const char *text);     /* a call of any other service but the trace's */
     void (*on_history)(uint32_t event_class, uint32_t length, const void *record);
-    void (*on_debug)(const char *text, size_t length); /* terminated; may hold zeros */
+    void (*on_debug)(const char *text, size_t length); /* terminated, at most 4095; may hold zeros */
 
     /* seen */
     int connected; /* to the routing context */

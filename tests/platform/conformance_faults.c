@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,28 +23,86 @@ int __real_linux_queue_next(uint32_t queue, linux_completion *completion);
 const char *__real_errcode2str(uint32_t code);
 int __real_nsbind_set_global_context(int32_t vrf);
 int __real_rtctx_api_init(void);
+uint32_t __real_spawnlet_register_async_q(uint32_t queue);
+int __real_evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record);
 
 static int has(const char *fault)
 {
     return strcmp(getenv("FAULT"), fault) == 0;
 }
 
+static spawnlet_body_t body_of_job;
+
+/* What becomes of a child before it runs its body. */
+static int spoilt_body(void *arg)
+{
+    struct stat status;
+    sigset_t all;
+    sigfillset(&all);
+    if (has("blocks a child's signals"))
+        sigprocmask(SIG_SETMASK, &all, NULL);
+    for (int fd = 3; has("closes the log in a child") && fd < 100; fd++)
+        if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode))
+            close(fd);
+    if (has("runs a body in a grandchild") && fork() != 0)
+        return pause();
+    return body_of_job(arg);
+}
+
+static spawnlet_body_t spoil(spawnlet_body_t body)
+{
+    body_of_job = body;
+    return spoilt_body;
+}
+
+static job_options less_time(const job_options *options)
+{
+    job_options less = *options;
+    if (has("takes seconds for less"))
+        less.timeout_secs = 1;
+    return less;
+}
+
+static void *into_one_buffer(void *ret_info, uint32_t size)
+{
+    static char buffer[1676];
+    const int fits = ret_info != NULL && size <= sizeof buffer;
+    return has("has one buffer") && fits ? memcpy(buffer, ret_info, size) : ret_info;
+}
+
+static uint32_t registered;
+
 uint32_t __wrap_spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint32_t *ret_info_size,
                                  int32_t *ret_syserr, const job_options *options, FILE *in, FILE *out,
                                  FILE *err)
 {
     static int failed;
-    static char other_argument[1000];
+    static char other_argument[1000], last_record[1676];
+    const struct itimerval none = {{0, 0}, {0, 0}};
+    const job_options less = less_time(options);
+    linux_completion lost;
     if (has("runs in the host")) {
         *ret_syserr = body(arg);
         return 0;
     }
-    if (has("fails for good after a failure") && failed)
+    if ((has("fails for good after a failure") && failed) ||
+        (has("takes 0 for no time") && options->timeout_secs == 0))
         return 1;
     const uint32_t code = __real_spawnlet_fork_fp(
-        body, has("loses the argument") ? other_argument : arg, ret_info, ret_info_size, ret_syserr, options,
+        body, has("loses the argument") ? other_argument : arg, ret_info, ret_info_size, ret_syserr, &less,
         has("loses the input") ? NULL : in, has("loses the output") ? NULL : out, err);
     failed = failed || code != 0;
+    if (has("is late") && code != 0)
+        sleep(6);
+    *ret_info = into_one_buffer(*ret_info, *ret_info_size);
+    if (has("stops the host's timer"))
+        setitimer(ITIMER_REAL, &none, NULL);
+    if (has("takes completions of others") && registered != 0)
+        __real_linux_queue_next(registered, &lost);
+    if (has("brings the last record again") && *ret_info_size == sizeof last_record)
+        memcpy(last_record, *ret_info, sizeof last_record);
+    else if (has("brings the last record again"))
+        *ret_info_size = sizeof last_record;
     if (has("returns no negative result") && *ret_syserr < 0)
         *ret_syserr = 0;
     if (has("cuts the record"))
@@ -69,11 +129,15 @@ uint32_t __wrap_spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one,
     void *ret_info;
     uint32_t size;
     int32_t result;
+    if (has("needs a queue first") && registered == 0)
+        return 1;
     if (has("waits at the start"))
         __real_spawnlet_fork_fp(body, arg, &ret_info, &size, &result, options, in, out, err);
-    const uint32_t code = __real_spawnlet_fork_fp_async(body, arg, one, options, in, out, err, handle);
+    const uint32_t code = __real_spawnlet_fork_fp_async(spoil(body), arg, one, options, in, out, err, handle);
     if (has("gives each job the same handle"))
         *handle = 7;
+    if (has("keeps the handle to itself"))
+        *handle = 0xfeedbeef;
     return code;
 }
 
@@ -95,6 +159,9 @@ int __wrap_linux_queue_next(uint32_t queue, linux_completion *done)
         done->syserr = 0;
     if (has("completes without a record"))
         done->ret_info_size = 0;
+    if (has("completes with a record always"))
+        done->ret_info_size = 1676;
+    done->ret_info = into_one_buffer(done->ret_info, done->ret_info_size);
     return taken;
 }
 
@@ -115,6 +182,8 @@ const char *__wrap_errcode2str(uint32_t code)
 
 int __wrap_nsbind_set_global_context(int32_t vrf)
 {
+    if (has("binds to nothing"))
+        return -1;
     return has("binds to anything") ? 0 : __real_nsbind_set_global_context(vrf);
 }
 
@@ -122,4 +191,17 @@ int __wrap_rtctx_api_init(void)
 {
     static int opened;
     return has("opens once") && opened++ > 0 ? 0 : __real_rtctx_api_init();
+}
+
+uint32_t __wrap_spawnlet_register_async_q(uint32_t queue)
+{
+    registered = queue;
+    return __real_spawnlet_register_async_q(queue);
+}
+
+int __wrap_evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record)
+{
+    if (has("ends at a message without text") && length == 5)
+        abort();
+    return __real_evtrack_hist_event(event_class, length, record);
 }
