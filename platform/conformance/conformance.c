@@ -335,7 +335,8 @@ static int ends(int pid)
         if (stat == NULL)
             return 1;
         const char *name_end = fgets(line, sizeof line, stat) != NULL ? strrchr(line, ')') : NULL;
-        state = name_end != NULL ? name_end[2] : 'R';
+        if (name_end != NULL)
+            state = name_end[2];
         fclose(stat);
         if (state == 'Z' || state == 'X')
             return 1;
@@ -988,7 +989,7 @@ static const struct {
 static int wait_for_check(pid_t process)
 {
     int status = 0;
-    const long end = now_ms() + CHECK_SECONDS * 1000;
+    const long end = now_ms() + CHECK_SECONDS * 1000L;
     while (waitpid(process, &status, WNOHANG) == 0) {
         if (now_ms() > end) {
             printf("# waits for ever\n");
