@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/timerfd.h>
 
 #include <map>
@@ -186,21 +185,4 @@ static bool streams_keep_their_places()
 TEST(Spawnlet, StreamsKeepTheirPlacesWithoutStandardStreams)
 {
     EXPECT_TRUE(in_its_own_process(streams_keep_their_places));
-}
-
-TEST(Spawnlet, ChildDiesWithItsParent)
-{
-    pid_t *child = shared<pid_t>();
-    const auto show_and_hang = [](void *pid) -> int {
-        *static_cast<pid_t *>(pid) = getpid();
-        return pause();
-    };
-    const pid_t parent = fork();
-    if (parent == 0)
-        run_job(show_and_hang, child);
-    ASSERT_TRUE(eventually([child] { return *child != 0; }));
-    const long pidfd = syscall(SYS_pidfd_open, *child, 0);
-    kill(parent, SIGKILL);
-    waitpid(parent, nullptr, 0);
-    EXPECT_TRUE(becomes_readable(static_cast<uint32_t>(pidfd)));
 }
