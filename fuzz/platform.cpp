@@ -18,10 +18,11 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 /* Services */
 
-static void check_history(uint32_t, uint32_t length, const void *record)
+static int check_history(uint32_t, uint32_t length, const void *record)
 {
     REQUIRE(length > 4 && length <= 516);
     REQUIRE(strnlen(static_cast<const char *>(record) + 4, length - 4) == length - 5);
+    return 0;
 }
 
 /* A job that is waited for comes to what the target says; it delivers the completions of the others. */

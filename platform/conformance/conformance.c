@@ -325,9 +325,9 @@ static long now_ms(void)
 }
 
 /* Whether a process is gone, or soon will be; nobody may have collected it. */
-static int ends(int pid)
+static int process_ends(int pid)
 {
-    char path[64], state = 'R';
+    char path[64];
     snprintf(path, sizeof path, "/proc/%d/stat", pid);
     for (int ms = 0; ms < SOON_MS; ms += 10) {
         char line[256] = "";
@@ -335,10 +335,8 @@ static int ends(int pid)
         if (stat == NULL)
             return 1;
         const char *name_end = fgets(line, sizeof line, stat) != NULL ? strrchr(line, ')') : NULL;
-        if (name_end != NULL)
-            state = name_end[2];
         fclose(stat);
-        if (state == 'Z' || state == 'X')
+        if (name_end != NULL && strchr("ZX", name_end[2]) != NULL) /* its state: dead, if not collected */
             return 1;
         usleep(10000);
     }
@@ -448,12 +446,12 @@ static void child_ends_at_its_time_out(void)
 {
     int *pid = shared_flag();
     EXPECT(run_on(show_pid_and_wait, pid, 1, NULL, NULL).code != 0);
-    EXPECT(*pid != 0 && ends(*pid));
+    EXPECT(*pid != 0 && process_ends(*pid));
     *pid = 0;
     const uint32_t queue = the_queue();
     start(show_pid_and_wait, pid, 1);
     EXPECT(next(queue).syserr != 0);
-    EXPECT(*pid != 0 && ends(*pid));
+    EXPECT(*pid != 0 && process_ends(*pid));
 }
 
 static void child_ends_with_its_host(void)
@@ -468,7 +466,7 @@ static void child_ends_with_its_host(void)
         _exit(0);
     }
     waitpid(host, NULL, 0);
-    EXPECT(*pid != 0 && ends(*pid));
+    EXPECT(*pid != 0 && process_ends(*pid));
 }
 
 static void result_is_not_waited_for_in_vain(void)
@@ -515,13 +513,6 @@ static void memory_is_the_hosts(void)
     EXPECT(run(set_flag, &flag).code == 0 && flag == 0);
 }
 
-static int *exit_flag;
-
-static void at_exit(void)
-{
-    *exit_flag = 1;
-}
-
 static void childs_signals_are_its_own(void)
 {
     sigset_t blocked;
@@ -546,6 +537,13 @@ static void log_stays_open(void)
     EXPECT(next(queue).ret_syserr == 0);
     rewind(hosts_log);
     EXPECT(fgets(text, sizeof text, hosts_log) != NULL && strcmp(text, "one two ") == 0);
+}
+
+static int *exit_flag;
+
+static void at_exit(void)
+{
+    *exit_flag = 1;
 }
 
 static void exit_handlers_are_the_hosts(void)
@@ -938,7 +936,7 @@ static const struct {
     {"a time-out of 0 is none at once", no_time_out_is_no_time_out, 0},
     {"a body that takes too long is a code, in time", too_long_is_a_code, 0},
     {"signals do not make it take longer", signals_do_not_prolong_it, 0},
-    {"a body that takes less time than it may is none", enough_time_is_enough, 0},
+    {"a body that takes less time than it may is not cut short", enough_time_is_enough, 0},
     {"a child ends at its time-out", child_ends_at_its_time_out, 1},
     {"a child ends with its host", child_ends_with_its_host, 1},
     {"a result is not kept waiting by who stays behind", result_is_not_waited_for_in_vain, 1},

@@ -74,6 +74,12 @@ static int32_t run_body(const memory_job *job, handback *kept)
     return result;
 }
 
+/* 0, which is none, for a job whose outcome a hook has said without looking at its options. */
+static int32_t time_out_of(const job_options *options)
+{
+    return options != nullptr ? options->timeout_secs : 0;
+}
+
 static memory_completion run(const memory_job *job, int32_t timeout_secs, handback *kept)
 {
     if (job->outcome != nullptr)
@@ -99,8 +105,7 @@ uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint
     const uint32_t code = admit(&job);
     if (code != MEMORY_JOB_OK)
         return code;
-    const memory_completion result =
-        run(&job, options != nullptr ? options->timeout_secs : 0, &blocking_handback);
+    const memory_completion result = run(&job, time_out_of(options), &blocking_handback);
     *ret_info = result.ret_info;
     *ret_info_size = result.ret_info_size;
     *ret_syserr = result.ret_syserr;
@@ -122,7 +127,7 @@ uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int, const job_
         memory.next_handle = 1;
     *handle = memory.next_handle++;
     if (memory.jobs_never_end == 0)
-        pending[pending_count++] = {job, options != nullptr ? options->timeout_secs : 0, *handle};
+        pending[pending_count++] = {job, time_out_of(options), *handle};
     return MEMORY_JOB_OK;
 }
 
@@ -201,17 +206,13 @@ uint32_t platmgr_partition_get(void)
 
 int evtrack_hist_event_subtype_check(uint32_t event_class, uint32_t subtype)
 {
-    return memory.history_class != 0 && memory.history_class == event_class &&
-                   memory.history_subtype == subtype
-               ? 0
-               : 1;
+    const bool is_on = memory.history_class != 0 && memory.history_class == event_class;
+    return is_on && memory.history_subtype == subtype ? 0 : 1;
 }
 
 int evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record)
 {
-    if (memory.on_history != nullptr)
-        memory.on_history(event_class, length, record);
-    return 0;
+    return memory.on_history != nullptr ? memory.on_history(event_class, length, record) : 0;
 }
 
 int evtrack_chk_int(int flag, int unused_1, int unused_2, int one)
@@ -226,10 +227,8 @@ int dbgemit(int one, const void *modname, int zero, const char *format, ...)
     va_start(args, format);
     const int length = vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    const size_t kept = length < 0                                  ? 0
-                        : static_cast<size_t>(length) < sizeof text ? static_cast<size_t>(length)
-                                                                    : sizeof text - 1;
-    if (memory.on_debug != nullptr && one == 1 && zero == 0 && modname == &evtrack_dbg_modname)
-        memory.on_debug(text, kept);
-    return 0;
+    if (length < 0 || memory.on_debug == nullptr || one != 1 || zero != 0 || modname != &evtrack_dbg_modname)
+        return -1;
+    const auto whole = static_cast<size_t>(length);
+    return memory.on_debug(text, whole < sizeof text ? whole : sizeof text - 1);
 }

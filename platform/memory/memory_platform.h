@@ -53,8 +53,8 @@ typedef struct {
 /* Everything that can be said and seen. */
 typedef struct {
     /* said; all zero at start */
-    int32_t
-        job_seconds; /* what a job takes that ends now: with a shorter time-out it has timed out, and no body runs */
+    /* What a job takes that ends now: with a shorter time-out it has timed out, and no body runs. */
+    int32_t job_seconds;
     int jobs_never_end;     /* background jobs get a handle, and nothing else comes of them */
     uint32_t next_handle;   /* of the next background job; 0 is passed over */
     uint32_t register_code; /* of spawnlet_register_async_q() */
@@ -64,11 +64,11 @@ typedef struct {
     uint32_t history_class, history_subtype; /* that the event history records; 0: none */
     int debug_flag;                          /* that is on; 0: none */
 
-    /* hooks, each NULL or called for what its name says */
+    /* hooks, each NULL or called for what its name says; the trace's return what that call returns */
     uint32_t (*on_start)(memory_job *job); /* nonzero: the job is refused with this code */
     void (*on_call)(const char *text);     /* a call of any other service but the trace's */
-    void (*on_history)(uint32_t event_class, uint32_t length, const void *record);
-    void (*on_debug)(const char *text, size_t length); /* terminated, at most 4095; may hold zeros */
+    int (*on_history)(uint32_t event_class, uint32_t length, const void *record);
+    int (*on_debug)(const char *text, size_t length); /* terminated, at most 4095; may hold zeros */
 
     /* seen */
     int connected; /* to the routing context */

@@ -89,8 +89,8 @@ uint32_t __wrap_spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_inf
         (has("takes 0 for no time") && options->timeout_secs == 0))
         return 1;
     const uint32_t code = __real_spawnlet_fork_fp(
-        body, has("loses the argument") ? other_argument : arg, ret_info, ret_info_size, ret_syserr, &less,
-        has("loses the input") ? NULL : in, has("loses the output") ? NULL : out, err);
+        spoil(body), has("loses the argument") ? other_argument : arg, ret_info, ret_info_size, ret_syserr,
+        &less, has("loses the input") ? NULL : in, has("loses the output") ? NULL : out, err);
     failed = failed || code != 0;
     if (has("is late") && code != 0)
         sleep(6);
