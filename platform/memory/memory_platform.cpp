@@ -112,11 +112,11 @@ uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint
     return result.syserr;
 }
 
-uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int, const job_options *options, FILE *in,
-                                FILE *out, FILE *err, uint32_t *handle)
+uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one, const job_options *options,
+                                FILE *in, FILE *out, FILE *err, uint32_t *handle)
 {
     memory_job job = {1, body, arg, options, in, out, err, nullptr};
-    if (handle == nullptr || open_handback != nullptr)
+    if (handle == nullptr || one != 1 || open_handback != nullptr)
         return MEMORY_JOB_BAD_ARGUMENT;
     const uint32_t code = admit(&job);
     if (code != MEMORY_JOB_OK)

@@ -64,9 +64,10 @@ static void note_call(const char *text)
     note(text);
 }
 
-static int note_history(uint32_t, uint32_t length, const void *record)
+static int note_history(uint32_t event_class, uint32_t length, const void *record)
 {
     const auto *bytes = static_cast<const char *>(record);
+    EXPECT_EQ(event_class, 0x730000u);
     EXPECT_EQ(std::string(bytes, 4), std::string("\x65\0\0\0", 4));
     EXPECT_EQ(length, 4 + strlen(bytes + 4) + 1);
     EXPECT_LE(length, 516u);
@@ -121,6 +122,8 @@ static uint32_t start_job(memory_job *job)
     note_start(*job);
     if (job->in_background)
         return static_cast<uint32_t>(fake.async_syserr);
+    if (fake.ret_info.empty() && fake.ret_syserr == 0 && fake.syserr != 0)
+        return static_cast<uint32_t>(fake.syserr); /* what the library had set is what it finds */
     outcome = {.syserr = static_cast<uint32_t>(fake.syserr),
                .ret_info = fake.ret_info.empty() || fake.loses_buffer ? nullptr : fake.ret_info.data(),
                .ret_info_size = static_cast<uint32_t>(fake.ret_info.size()),
