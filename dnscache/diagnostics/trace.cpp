@@ -23,30 +23,21 @@ char file_name[255] = "";
 static constexpr char marker_file[] = "/bootflash/.enable_dns_debugs";
 static constexpr char log_folder[] = "/tmp";
 
-struct history_record {
-    uint32_t subtype;
-    char text[512];
-};
-static_assert(offsetof(history_record, text) == 4 && sizeof(history_record) == 516);
-
-void trace_to_history(const char *format, ...)
+static void render(trace_text *text, const char *format, va_list args)
 {
-    if (evtrack_hist_event_subtype_check(DNSCACHE_TRACE_CLASS, DNSCACHE_TRACE_FLAG) != 0)
-        return;
-    history_record record;
-    record.subtype = DNSCACHE_TRACE_FLAG;
-    record.text[0] = '\0';
-    va_list args;
-    va_start(args, format);
-    vsnprintf(record.text, sizeof record.text, format, args);
-    va_end(args);
-    const size_t length = offsetof(history_record, text) + strlen(record.text) + 1;
-    evtrack_hist_event(DNSCACHE_TRACE_CLASS, static_cast<uint32_t>(length), &record);
+    text->record.text[0] = '\0';
+    text->length = vsnprintf(text->record.text, sizeof text->record.text, format, args);
 }
 
-bool trace_debug_is_on()
+void trace_to_history(trace_text *text, const char *format, ...)
 {
-    return evtrack_chk_int(DNSCACHE_TRACE_FLAG, 0, 0, 1) != 0;
+    va_list args;
+    va_start(args, format);
+    render(text, format, args);
+    va_end(args);
+    text->record.subtype = DNSCACHE_TRACE_FLAG;
+    const size_t length = offsetof(history_record, text) + strlen(text->record.text) + 1;
+    evtrack_hist_event(DNSCACHE_TRACE_CLASS, static_cast<uint32_t>(length), &text->record);
 }
 
 /* Whether nobody else can put another file in the place of ours. */
@@ -86,7 +77,7 @@ static FILE *open_above_streams()
     return file;
 }
 
-static bool open_log_file()
+[[gnu::cold]] static bool open_log_file()
 {
     snprintf(file_name, sizeof file_name - 1, "%s/dnscache.log.%d", log_folder,
              static_cast<int>(platmgr_partition_get() & 0xffff));
@@ -121,37 +112,49 @@ struct xfsz_guard {
 
 } // namespace
 
-void trace_to_log_file(const char *function, int line, const char *format, ...)
+bool trace_log_is_wanted()
 {
     struct stat marker;
-    if (stat(marker_file, &marker) != 0)
-        return;
-    if (log_file == nullptr && !open_log_file())
-        return;
+    return stat(marker_file, &marker) == 0 && (log_file != nullptr || open_log_file());
+}
+
+void trace_to_log_file(trace_text *text, const char *function, int line, const char *format, ...)
+{
     const xfsz_guard guard;
     fprintf(log_file, "%s() : %d ", function, line);
     va_list args;
     va_start(args, format);
-    vfprintf(log_file, format, args);
+    if (text->length < 0) {
+        va_list again;
+        va_copy(again, args);
+        render(text, format, again);
+        va_end(again);
+    }
+    if (text->is_whole())
+        fwrite(text->record.text, 1, static_cast<size_t>(text->length), log_file);
+    else
+        vfprintf(log_file, format, args);
     va_end(args);
     /* Never leave text behind for a forked child to write a second time. */
     fflush(log_file);
 }
 
-void trace_to_stdout(const char *format, ...)
+/* H and B only. */
+static void trace_to_platform(const char *format, const char *function, int line)
 {
-    va_list args;
-    va_start(args, format);
-    vprintf(format, args);
-    va_end(args);
+    trace_text text;
+    if (trace_history_is_on())
+        trace_to_history(&text, format, function, line);
+    if (trace_debug_is_on())
+        dbgemit(1, &evtrack_dbg_modname, 0, format, function, line);
 }
 
 void dnscache_trace_enter(const char *function, int line)
 {
-    dnscache_trace_to_platform("Entering : %s : Line : %d", function, line);
+    trace_to_platform("Entering : %s : Line : %d", function, line);
 }
 
 void dnscache_trace_exit(const char *function, int line)
 {
-    dnscache_trace_to_platform("Exiting: %s , Line : %d", function, line);
+    trace_to_platform("Exiting: %s , Line : %d", function, line);
 }

@@ -15,6 +15,8 @@
 #ifndef DNSCACHE_DIAGNOSTICS_TRACE_H
 #define DNSCACHE_DIAGNOSTICS_TRACE_H
 
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 
 #include "platform/evtrack.h"
@@ -22,11 +24,39 @@
 constexpr int DNSCACHE_TRACE_CLASS = 0x730000;
 constexpr int DNSCACHE_TRACE_FLAG = 101; /* history subtype and debug flag alike */
 
-/* The sinks, each with its condition, but for B: its print takes the arguments themselves, not a list of them. */
-[[gnu::format(printf, 1, 2)]] void trace_to_history(const char *format, ...);
-bool trace_debug_is_on();
-[[gnu::format(printf, 3, 4)]] void trace_to_log_file(const char *function, int line, const char *format, ...);
-[[gnu::format(printf, 1, 2)]] void trace_to_stdout(const char *format, ...);
+/* What the event history takes. */
+struct history_record {
+    uint32_t subtype;
+    char text[512];
+};
+static_assert(offsetof(history_record, text) == 4 && sizeof(history_record) == 516);
+
+/* A message in memory: rendered for the first of H and F, and not again for the sinks after it, if it fits. */
+struct trace_text {
+    int length = -1; /* without its end; -1: not rendered */
+    history_record record;
+
+    bool is_whole() const
+    {
+        return length >= 0 && length < static_cast<int>(sizeof record.text);
+    }
+};
+
+/* The sinks that have more to do than print, and their conditions. */
+[[gnu::cold, gnu::format(printf, 2, 3)]] void trace_to_history(trace_text *text, const char *format, ...);
+[[gnu::cold, gnu::format(printf, 4, 5)]] void trace_to_log_file(trace_text *text, const char *function,
+                                                                int line, const char *format, ...);
+bool trace_log_is_wanted();
+
+static inline bool trace_history_is_on()
+{
+    return evtrack_hist_event_subtype_check(DNSCACHE_TRACE_CLASS, DNSCACHE_TRACE_FLAG) == 0;
+}
+
+static inline bool trace_debug_is_on()
+{
+    return evtrack_chk_int(DNSCACHE_TRACE_FLAG, 0, 0, 1) != 0;
+}
 
 /* The formats below were checked against their arguments where the macros were used. */
 #pragma GCC diagnostic push
@@ -35,23 +65,58 @@ bool trace_debug_is_on();
 
 /* A template, so that the debug print can be given the format and the arguments as they were written. */
 template <typename... Args>
-[[gnu::noinline]] void dnscache_trace_to_platform(const char *format, Args... args)
+[[gnu::noinline]] void trace_to_sinks(const char *function, int line, const char *format, Args... args)
 {
-    trace_to_history(format, args...);
+    trace_text text;
+    if (trace_history_is_on())
+        trace_to_history(&text, format, args...);
     if (trace_debug_is_on())
         dbgemit(1, &evtrack_dbg_modname, 0, format, args...);
-}
-
-template <typename... Args>
-[[gnu::noinline]] void dnscache_trace(const char *function, int line, const char *format, Args... args)
-{
-    dnscache_trace_to_platform(format, args...);
-    trace_to_log_file(function, line, format, args...);
-    trace_to_stdout(format, args...);
+    if (trace_log_is_wanted())
+        trace_to_log_file(&text, function, line, format, args...);
+    if (text.is_whole())
+        fwrite(text.record.text, 1, static_cast<size_t>(text.length), stdout);
+    else if constexpr (sizeof...(args) == 0)
+        fputs(format, stdout); /* no message has a %% */
+    else
+        printf(format, args...);
 }
 
 #pragma GCC diagnostic pop
 
+/* As printf() gets them anyway. Fewer types make fewer copies of the function above. */
+static inline int as_passed(int value)
+{
+    return value;
+}
+static inline int as_passed(unsigned value)
+{
+    return static_cast<int>(value);
+}
+static inline long as_passed(long value)
+{
+    return value;
+}
+static inline long as_passed(unsigned long value)
+{
+    return static_cast<long>(value);
+}
+static inline const char *as_passed(const char *value)
+{
+    return value;
+}
+static inline const void *as_passed(const void *value)
+{
+    return value;
+}
+
+template <typename... Args>
+void dnscache_trace(const char *function, int line, const char *format, Args... args)
+{
+    trace_to_sinks(function, line, format, as_passed(args)...);
+}
+
+/* The function's entry and exit: H and B. */
 void dnscache_trace_enter(const char *function, int line);
 void dnscache_trace_exit(const char *function, int line);
 
