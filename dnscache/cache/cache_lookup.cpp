@@ -11,8 +11,9 @@ static constexpr char lookup[] = "check_local_cache";
 
 static bool is_candidate(const server_spawnlet_data_t *record, const char *key)
 {
-    return record != nullptr && record->status != ENTRY_INVALID &&
-           strncmp(record->serv_id, key, sizeof record->serv_id - 1) == 0;
+    /* The key first: it is what most records fail, and its bytes are far from the status. */
+    return record != nullptr && strncmp(record->serv_id, key, sizeof record->serv_id - 1) == 0 &&
+           record->status != ENTRY_INVALID;
 }
 
 /* The first two end the search: an older record must not answer for a newer one that has no entries. */

@@ -40,16 +40,45 @@ server_addr_info *new_request_record(const char *owner, const char *host, const 
     return record;
 }
 
+/* As much of the text as fits goes to *end, which moves on. */
+static void append(char **end, const char *limit, const char *text, size_t length)
+{
+    const auto room = static_cast<size_t>(limit - *end);
+    const size_t taken = length < room ? length : room;
+    memcpy(*end, text, taken);
+    *end += taken;
+}
+
+static void append_number(char **end, const char *limit, long number)
+{
+    char text[sizeof ":-9223372036854775808"];
+    char *first = text + sizeof text;
+    unsigned long rest =
+        number < 0 ? -static_cast<unsigned long>(number) : static_cast<unsigned long>(number);
+    do
+        *--first = static_cast<char>('0' + rest % 10);
+    while ((rest /= 10) != 0);
+    if (number < 0)
+        *--first = '-';
+    *--first = ':';
+    append(end, limit, first, static_cast<size_t>(text + sizeof text - first));
+}
+
+/* "%s:%d:%ld". Not by snprintf(): that was a third of what a hit costs beyond its trace and its blocks. */
 const char *create_hostcache_id(const char *host, int port, long vrf, char *out)
 {
     static char key[100];
-    const int length = snprintf(key, CACHE_KEY_BYTES, "%s:%d:%ld", text_or_null(host), port, vrf);
-    if (length < 0)
-        key[0] = '\0';
+    char *end = key;
+    const char *limit = key + CACHE_KEY_BYTES - 1;
+    host = text_or_null(host);
+    append(&end, limit, host, strnlen(host, CACHE_KEY_BYTES));
+    append_number(&end, limit, port);
+    append_number(&end, limit, vrf);
+    *end = '\0';
     TRACE("cache id = %s\n", key);
     if (out != nullptr) {
         memset(out, 0, CACHE_KEY_BYTES);
-        memcpy(out, key, strlen(key) + 1);
+        memcpy(out, key, static_cast<size_t>(end - key));
     }
     return key;
 }
