@@ -64,7 +64,7 @@ void display_ip_addrs(const struct addrinfo *ai)
     TRACE_EXIT();
 }
 
-void server_spawnlet_data_display(const server_spawnlet_data_t *record)
+[[gnu::cold]] void server_spawnlet_data_display(const server_spawnlet_data_t *record)
 {
     const errno_guard kept;
     TRACE_ENTER();
