@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -35,11 +36,14 @@ bool in_job_child()
 
 static void default_signals()
 {
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; number++)
-        signal(number, SIG_DFL);
+        sigaction(number, &action, nullptr);
     /* A reader of the daemon's text who has gone, or a file that may not grow, is no end of the job. */
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGXFSZ, SIG_IGN);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+    sigaction(SIGXFSZ, &action, nullptr);
 }
 
 static void unblock_signals()
@@ -106,6 +110,37 @@ static void shed(const child_plan *plan, int fd)
         close(fd);
 }
 
+/*
+ * Whether every open descriptor is below the limit. A child's table is as large as the highest descriptor needs, and
+ * select() leaves alone what a set has beyond the table's end. It takes offence at one that is not open, and unsets one
+ * that is.
+ */
+static bool none_is_open_from(int limit)
+{
+    fd_set beyond;
+    struct timeval no_wait = {};
+    FD_ZERO(&beyond);
+    FD_SET(limit, &beyond);
+    return select(limit + 1, &beyond, nullptr, nullptr, &no_wait) == 0 && FD_ISSET(limit, &beyond);
+}
+
+/* false: there may be more of them. The usual daemon has few, and to have them listed takes as long as half a fork. */
+static bool shed_few(const child_plan *plan)
+{
+    constexpr int limit = 256; /* a step in the sizes of the kernel's tables */
+    struct pollfd any[limit];
+    if (!none_is_open_from(limit))
+        return false;
+    for (int fd = 0; fd < limit; fd++)
+        any[fd] = {.fd = fd, .events = 0, .revents = 0};
+    if (poll(any, limit, 0) < 0)
+        return false;
+    for (const struct pollfd &one : any)
+        if ((one.revents & POLLNVAL) == 0)
+            shed(plan, one.fd);
+    return true;
+}
+
 /* false: not all are known. */
 static bool shed_listed(const child_plan *plan)
 {
@@ -125,7 +160,7 @@ static bool shed_listed(const child_plan *plan)
 
 static void close_inherited(const child_plan *plan)
 {
-    if (shed_listed(plan))
+    if (shed_few(plan) || shed_listed(plan))
         return;
     /* A daemon may live where there is no /proc. */
     for (int fd = 0, limit = getdtablesize(); fd < limit; fd++)
@@ -138,12 +173,10 @@ static int copy_above_streams(int fd)
     const int copy = fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
     if (copy >= 0)
         return copy;
-    const int null_device = open("/dev/null", O_RDWR | O_CLOEXEC);
-    const int moved = null_device >= 0 ? fcntl(null_device, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
-    if (moved < 0)
+    const int null_device = above_streams(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (null_device < 0)
         _exit(EXIT_FAILURE); /* else the next socket would become a standard stream, and get the trace */
-    close(null_device);
-    return moved;
+    return null_device;
 }
 
 static void connect_streams(const child_plan *plan)
@@ -151,8 +184,10 @@ static void connect_streams(const child_plan *plan)
     const int original[] = {descriptor_of(plan->in), descriptor_of(plan->out), descriptor_of(plan->err)};
     int copy[3];
     for (int i = 0; i < 3; i++)
-        copy[i] = copy_above_streams(original[i]);
+        copy[i] = original[i] == i && fcntl(i, F_GETFD) >= 0 ? i : copy_above_streams(original[i]);
     for (int i = 0; i < 3; i++) {
+        if (copy[i] == i)
+            continue;
         dup2(copy[i], i);
         close(copy[i]);
     }
@@ -175,10 +210,9 @@ void child_run(const child_plan *plan)
     default_signals();
     die_with_parent(plan->parent);
     close(plan->parent_channel);
-    child_channel = fcntl(plan->channel, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    child_channel = above_streams(plan->channel);
     if (child_channel < 0)
         _exit(EXIT_FAILURE);
-    close(plan->channel);
     forget_buffered_text(plan);
     close_inherited(plan);
     connect_streams(plan);

@@ -127,34 +127,51 @@ static int cover_other_file(const char *own, const char *path)
     return error != 0 ? vrf_failed(error, "%s over %s", own, path) : 0;
 }
 
+static int cover_if_other_file(const char *folder, const char *name)
+{
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0 || is_resolver_file(name))
+        return 0;
+    path_text own, path;
+    snprintf(own, sizeof own, "%s/%s", folder, name);
+    snprintf(path, sizeof path, "/etc/%s", name);
+    return cover_other_file(own, path);
+}
+
+/* Not by opendir(): to take its 32 KiB from a heap that is shared costs a fresh child as much as all mounts do. */
 static int cover_other_files(const char *folder)
 {
-    DIR *entries = opendir(folder);
-    if (entries == nullptr)
+    const int fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
         return exists(folder) ? vrf_failed(errno, "%s", folder) : 0;
     int error = 0;
-    const struct dirent *entry;
-    while (error == 0 && (errno = 0, entry = readdir(entries)) != nullptr) {
-        const char *name = entry->d_name;
-        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0 || is_resolver_file(name))
-            continue;
-        path_text own, path;
-        snprintf(own, sizeof own, "%s/%s", folder, name);
-        snprintf(path, sizeof path, "/etc/%s", name);
-        error = cover_other_file(own, path);
+    ssize_t got = 0;
+    alignas(struct dirent64) char entries[2048];
+    while (error == 0 && (got = getdents64(fd, entries, sizeof entries)) > 0) {
+        const struct dirent64 *entry;
+        for (ssize_t at = 0; error == 0 && at < got; at += entry->d_reclen) {
+            entry = reinterpret_cast<const struct dirent64 *>(entries + at);
+            error = cover_if_other_file(folder, entry->d_name);
+        }
     }
-    if (error == 0 && errno != 0)
+    if (got < 0)
         error = vrf_failed(errno, "%s", folder);
-    closedir(entries);
+    close(fd);
     return error;
 }
 
 static int hide_sockets()
 {
-    for (const char *folder : socket_folders)
-        if (mount("none", folder, "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0755") != 0 &&
-            errno != ENOENT)
+    dev_t hidden = 0;
+    for (const char *folder : socket_folders) {
+        struct stat status;
+        const bool is_found = stat(folder, &status) == 0;
+        if (is_found && status.st_dev == hidden) /* a link to the one before */
+            continue;
+        if (mount("none", folder, "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0755") == 0)
+            hidden = stat(folder, &status) == 0 ? status.st_dev : 0;
+        else if (errno != ENOENT)
             return vrf_failed(errno, "hiding %s", folder);
+    }
     return 0;
 }
 

@@ -3,10 +3,12 @@
  * holds a mapping, which its children inherit, and no hidden socket is in the way of what the host's network answered.
  */
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include "platform/linux/vrf_binding.h"
 
@@ -19,20 +21,47 @@ static bool put_empty_table_over(void *table, void *end)
     return mmap(table, size, PROT_READ, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == table;
 }
 
+/* One line of what the process has mapped. */
+static int forget_if_table(const char *line)
+{
+    void *table, *end;
+    char sharing;
+    const bool is_table = strstr(line, "/nscd/") != nullptr &&
+                          sscanf(line, "%p-%p %*3c%c", &table, &end, &sharing) == 3 && sharing == 's';
+    return !is_table || put_empty_table_over(table, end) ? 0 : vrf_failed(errno, "a table of nscd");
+}
+
+/* By hand: a stream's buffers and lines take as long as the kernel does for the whole file. */
+static int forget_tables(int maps)
+{
+    char text[PATH_MAX + 4096];
+    size_t held = 0; /* the beginning of a line */
+    for (;;) {
+        const ssize_t got = read(maps, text + held, sizeof text - held);
+        if (got <= 0)
+            return got == 0 ? 0 : vrf_failed(errno, "%s", maps_file);
+        char *line = text, *const end = text + held + got, *newline;
+        while ((newline = static_cast<char *>(memchr(line, '\n', static_cast<size_t>(end - line)))) !=
+               nullptr) {
+            *newline = '\0';
+            const int error = forget_if_table(line);
+            if (error != 0)
+                return error;
+            line = newline + 1;
+        }
+        held = static_cast<size_t>(end - line);
+        memmove(text, line, held);
+        if (held == sizeof text)
+            return vrf_failed(ENAMETOOLONG, "%s", maps_file);
+    }
+}
+
 int vrf_forget_nscd()
 {
-    FILE *maps = fopen(maps_file, "re");
-    if (maps == nullptr)
+    const int maps = open(maps_file, O_RDONLY | O_CLOEXEC);
+    if (maps < 0)
         return vrf_failed(errno, "%s", maps_file);
-    int error = 0;
-    char line[PATH_MAX + 100];
-    while (error == 0 && fgets(line, sizeof line, maps) != nullptr) {
-        void *table, *end;
-        char sharing;
-        if (sscanf(line, "%p-%p %*3c%c", &table, &end, &sharing) == 3 && sharing == 's' &&
-            strstr(line, "/nscd/") != nullptr && !put_empty_table_over(table, end))
-            error = vrf_failed(errno, "a table of nscd");
-    }
-    fclose(maps);
+    const int error = forget_tables(maps);
+    close(maps);
     return error;
 }

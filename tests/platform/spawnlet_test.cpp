@@ -117,6 +117,28 @@ TEST(Spawnlet, ChildShedsWhatIsTheHosts)
         EXPECT_EQ(close(fd), 0);
 }
 
+TEST(Spawnlet, ChildShedsHoweverManyAndHighTheHostsDescriptorsAre)
+{
+    static constexpr struct {
+        int first, last;
+    } rows[] = {{200, 210}, {255, 255}, {256, 256}, {400, 400}, {1023, 1025}, {60, 1100}, {2047, 2048}};
+    for (const auto &row : rows)
+        EXPECT_TRUE(in_its_own_process([row] {
+            const struct rlimit enough = {4096, 4096};
+            int pipes[2];
+            const int regular = open("/proc/self/exe", O_RDONLY);
+            pid_t parent = getpid();
+            if (setrlimit(RLIMIT_NOFILE, &enough) != 0 || regular < 0 || pipe(pipes) != 0)
+                return false;
+            for (int fd = row.first; fd <= row.last; fd++)
+                if (dup2(pipes[0], fd) != fd)
+                    return false;
+            const job_report report = run_job(inspect, &parent);
+            return report.code == 0 && report.buffer.empty();
+        })) << row.first
+            << " to " << row.last;
+}
+
 /* out is a pipe to which the child writes in every way it can. */
 static int write_text(void *out)
 {
