@@ -1,0 +1,83 @@
+/*
+ * background.cpp: the calls that never wait: a start, a completion, a refresh pass.
+ */
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "bench/bench.h"
+
+/* A start, and the fork without which there is none */
+
+static void start(benchmark::State &state)
+{
+    for (auto _ : state) {
+        state.SetIterationTime(seconds_of([] { start_job(VRF_NAME); }));
+        deliver(next_completion(), nullptr);
+        wait_for_children();
+    }
+}
+
+static void fork_alone(benchmark::State &state)
+{
+    for (auto _ : state) {
+        pid_t pid = -1;
+        state.SetIterationTime(seconds_of([&] {
+            pid = fork();
+            if (pid == 0)
+                _exit(EXIT_SUCCESS);
+        }));
+        if (pid < 0)
+            state.SkipWithError("no fork");
+        wait_for_children();
+    }
+}
+
+static void parents(benchmark::internal::Benchmark *call)
+{
+    call->ArgName("mb")->Setup(grow)->Teardown(shrink)->UseManualTime();
+    for (const int mb : {10, 100, 500})
+        call->Arg(mb);
+}
+
+BENCHMARK(start)->Apply(parents);
+BENCHMARK(fork_alone)->Apply(parents);
+
+/* A completion whose record enters a cache that has just room for it */
+static void completion(benchmark::State &state)
+{
+    const server_spawnlet_data_t record = record_of(VRF_NAME, 4);
+    fill_cache(4, 0);
+    remove_entry_from_dns_cache(server_name(MAX_CACHE_ENTRIES - 1));
+    for (auto _ : state) {
+        start_job(VRF_NAME);
+        const linux_completion done = next_completion();
+        state.SetIterationTime(seconds_of([&] { deliver(done, &record); }));
+        wait_for_children();
+        if (!look_up(VRF_NAME, 0))
+            state.SkipWithError("not in the cache");
+        remove_entry_from_dns_cache(VRF_NAME);
+    }
+}
+
+BENCHMARK(completion)->UseManualTime();
+
+/* Each expired record is resolved anew, as long as there is room for jobs. */
+static void pass(benchmark::State &state)
+{
+    const int expired = static_cast<int>(state.range(0));
+    const int jobs = expired < MAX_SPAWNLETS ? expired : MAX_SPAWNLETS;
+    for (auto _ : state) {
+        fill_cache(4, expired);
+        linux_job_counters before, after;
+        linux_jobs_started(&before);
+        state.SetIterationTime(seconds_of(refresh_dns_cache));
+        linux_jobs_started(&after);
+        if (after.background - before.background != static_cast<uint64_t>(jobs))
+            state.SkipWithError("not the jobs that it should start");
+        for (int i = 0; i < jobs; i++)
+            deliver(next_completion(), nullptr);
+        wait_for_children();
+    }
+}
+
+BENCHMARK(pass)->ArgName("expired")->DenseRange(0, 64, 8)->Arg(10)->UseManualTime()->Iterations(3);

@@ -1,0 +1,121 @@
+/*
+ * miss.cpp: a lookup that has to fork, for parents that have touched more or less memory; beside it the same by hand, and
+ * what an operator has for it.
+ */
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "bench/bench.h"
+
+static void miss(benchmark::State &state)
+{
+    const int vrf = static_cast<int>(state.range(1));
+    for (auto _ : state) {
+        state.SetIterationTime(seconds_of([&] {
+            if (!look_up(VRF_NAME, vrf))
+                state.SkipWithError("no answer");
+        }));
+        remove_entry_from_dns_cache(VRF_NAME);
+        wait_for_children();
+    }
+}
+
+/* By hand: a fork, a pipe, and a record of the answer that is read without waiting for the exit */
+
+/* The namespace and the resolver's file, as `ip netns exec` puts them; without these it would be another name server's answer. */
+static void enter_vrf_by_hand()
+{
+    const int space = open("/run/netns/vrf1", O_RDONLY | O_CLOEXEC);
+    if (setns(space, CLONE_NEWNET) != 0 || unshare(CLONE_NEWNS) != 0 ||
+        mount("", "/", nullptr, MS_SLAVE | MS_REC, nullptr) != 0 ||
+        mount("/etc/netns/vrf1/resolv.conf", "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
+        _exit(EXIT_FAILURE);
+}
+
+static void child_by_hand(int channel, int vrf)
+{
+    struct addrinfo *answers;
+    server_spawnlet_data_t record = {};
+    if (vrf != 0)
+        enter_vrf_by_hand();
+    if (getaddrinfo(VRF_NAME, SERVICE, nullptr, &answers) != 0)
+        _exit(EXIT_FAILURE);
+    for (const struct addrinfo *ai = answers; ai != nullptr && record.num_entries < 4; ai = ai->ai_next) {
+        uint8_t *slot =
+            ai->ai_family == AF_INET6 ? record.addr6[record.num_entries] : record.addr[record.num_entries];
+        memcpy(slot, ai->ai_addr, ai->ai_addrlen);
+        record.num_entries++;
+    }
+    if (write(channel, &record, sizeof record) != sizeof record)
+        _exit(EXIT_FAILURE);
+    _exit(EXIT_SUCCESS);
+}
+
+static bool look_up_by_hand(int vrf)
+{
+    int channel[2];
+    if (pipe2(channel, O_CLOEXEC) != 0)
+        return false;
+    const pid_t pid = fork();
+    if (pid == 0)
+        child_by_hand(channel[1], vrf);
+    close(channel[1]);
+    server_spawnlet_data_t record;
+    const bool is_whole = pid > 0 && read(channel[0], &record, sizeof record) == sizeof record;
+    close(channel[0]);
+    return is_whole && record.num_entries > 0;
+}
+
+static void miss_by_hand(benchmark::State &state)
+{
+    const int vrf = static_cast<int>(state.range(1));
+    for (auto _ : state) {
+        state.SetIterationTime(seconds_of([&] {
+            if (!look_up_by_hand(vrf))
+                state.SkipWithError("no answer");
+        }));
+        wait_for_children();
+    }
+}
+
+static void sizes_and_vrfs(benchmark::internal::Benchmark *lookup)
+{
+    lookup->ArgNames({"mb", "vrf"})->Setup(grow)->Teardown(shrink)->UseManualTime();
+    for (const int mb : {10, 100, 500})
+        for (const int vrf : {0, 1})
+            lookup->Args({mb, vrf});
+    for (const int mb : {50, 200, 300, 400})
+        lookup->Args({mb, 0});
+}
+
+BENCHMARK(miss)->Apply(sizes_and_vrfs);
+BENCHMARK(miss_by_hand)->Apply(sizes_and_vrfs);
+
+/* What an operator has today: a process that enters the VRF, and one that resolves. */
+
+static void ip_netns_exec(benchmark::State &state)
+{
+    const char *const arguments[] = {"ip", "netns", "exec", "vrf1", "getent", "ahosts", VRF_NAME, nullptr};
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    signal(SIGCHLD, SIG_DFL);
+    for (auto _ : state) {
+        pid_t pid;
+        int status;
+        if (posix_spawnp(&pid, arguments[0], &quiet, nullptr, const_cast<char *const *>(arguments),
+                         environ) != 0 ||
+            waitpid(pid, &status, 0) != pid || status != 0)
+            state.SkipWithError("no answer");
+    }
+    posix_spawn_file_actions_destroy(&quiet);
+}
+
+BENCHMARK(ip_netns_exec)->ArgName("mb")->Arg(10)->Setup(grow)->Teardown(shrink)->UseRealTime();
