@@ -1,6 +1,6 @@
 # plots.gnuplot: the plots of docs/performance.md.  gnuplot -e 'points="FOLDER"; plots="PREFIX"' plots.gnuplot
 set terminal svg size 640,320 dynamic background rgb 'white' font 'Helvetica,Arial,sans-serif,12' noenhanced
-set key top left
+set key bottom right
 set grid
 set yrange [0:]
 set style line 1 lc rgb '#1f5fa8' lw 2 pt 7 ps 0.5
