@@ -31,29 +31,32 @@ static int forget_if_table(const char *line)
     return !is_table || put_empty_table_over(table, end) ? 0 : vrf_failed(errno, "a table of nscd");
 }
 
+static char *end_of_line(char *line, const char *end)
+{
+    return static_cast<char *>(memchr(line, '\n', static_cast<size_t>(end - line)));
+}
+
 /* By hand: a stream's buffers and lines take as long as the kernel does for the whole file. */
 static int forget_tables(int maps)
 {
     char text[PATH_MAX + 4096];
     size_t held = 0; /* the beginning of a line */
-    for (;;) {
-        const ssize_t got = read(maps, text + held, sizeof text - held);
-        if (got <= 0)
-            return got == 0 ? 0 : vrf_failed(errno, "%s", maps_file);
-        char *line = text, *const end = text + held + got, *newline;
-        while ((newline = static_cast<char *>(memchr(line, '\n', static_cast<size_t>(end - line)))) !=
-               nullptr) {
+    ssize_t got;
+    while ((got = read(maps, text + held, sizeof text - held)) > 0) {
+        char *line = text, *newline;
+        const char *end = text + held + got;
+        for (; (newline = end_of_line(line, end)) != nullptr; line = newline + 1) {
             *newline = '\0';
             const int error = forget_if_table(line);
             if (error != 0)
                 return error;
-            line = newline + 1;
         }
         held = static_cast<size_t>(end - line);
         memmove(text, line, held);
-        if (held == sizeof text)
-            return vrf_failed(ENAMETOOLONG, "%s", maps_file);
+        if (held == sizeof text) /* longer than any line of a table is */
+            held = 0;
     }
+    return got == 0 ? 0 : vrf_failed(errno, "%s", maps_file);
 }
 
 int vrf_forget_nscd()

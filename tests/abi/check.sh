@@ -68,6 +68,15 @@ exports)
     listed "$source/platform/linux/exports.map" > "$work/map"
     exported "$build/libdnscache-linux.so" > "$work/library"
     same "$work/map" "$work/library"
+    # What a host defines under one of these names is not called in their stead: but for the two objects, and the
+    # platform's, which is an object too, nothing that they export is looked for elsewhere.
+    for library in libdnscache libdnscache-linux; do
+        exported "$build/$library.so" > "$work/library"
+        readelf --wide --relocs "$build/$library.so" | awk 'NF > 4 { sub(/@.*/, "", $5); print $5 }' | sort -u |
+            comm -12 - "$work/library"
+    done > "$work/elsewhere"
+    printf '%s\n' file_name log_file evtrack_dbg_modname > "$work/objects"
+    ! grep -vxFf "$work/objects" "$work/elsewhere"
     ;;
 services)
     # What the library leaves to its platform: every name of platform/*.h, and nothing else but libc and GLib.

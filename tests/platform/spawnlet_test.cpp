@@ -1,10 +1,13 @@
 #include "platform/spawnlet.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/epoll.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/timerfd.h>
 
+#include <array>
 #include <map>
 
 #include "tests/support/jobs.h"
@@ -95,10 +98,12 @@ static int inspect(void *parent)
 
 TEST(Spawnlet, ChildShedsWhatIsTheHosts)
 {
+    close_range(60, ~0U, 0); /* a high one of who has started the test would change the way */
     int pair[2], pipes[2];
     ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0 && pipe(pipes) == 0);
     const int regular = open("/proc/self/exe", O_RDONLY), name_space = open("/proc/self/ns/net", O_RDONLY);
     const int events = epoll_create1(0), timer = timerfd_create(CLOCK_MONOTONIC, 0);
+    const int path = open("/", O_PATH);
     signal(SIGUSR1, [](int) {});
     signal(SIGPIPE, SIG_IGN);
     sigset_t blocked, mask;
@@ -113,7 +118,7 @@ TEST(Spawnlet, ChildShedsWhatIsTheHosts)
     sigprocmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_TRUE(sigismember(&mask, SIGTERM) == 1 && sigismember(&mask, SIGINT) == 0);
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
-    for (const int fd : {pair[0], pair[1], pipes[0], pipes[1], regular, name_space, events, timer})
+    for (const int fd : {pair[0], pair[1], pipes[0], pipes[1], regular, name_space, events, timer, path})
         EXPECT_EQ(close(fd), 0);
 }
 
@@ -121,9 +126,10 @@ TEST(Spawnlet, ChildShedsHoweverManyAndHighTheHostsDescriptorsAre)
 {
     static constexpr struct {
         int first, last;
-    } rows[] = {{200, 210}, {255, 255}, {256, 256}, {400, 400}, {1023, 1025}, {60, 1100}, {2047, 2048}};
+    } rows[] = {{40, 40}, {63, 63}, {64, 64}, {65, 65}, {127, 127}, {128, 128}, {1023, 1025}, {30, 1100}};
     for (const auto &row : rows)
         EXPECT_TRUE(in_its_own_process([row] {
+            close_range(STDERR_FILENO + 1, ~0U, 0);
             const struct rlimit enough = {4096, 4096};
             int pipes[2];
             const int regular = open("/proc/self/exe", O_RDONLY);
@@ -137,6 +143,22 @@ TEST(Spawnlet, ChildShedsHoweverManyAndHighTheHostsDescriptorsAre)
             return report.code == 0 && report.buffer.empty();
         })) << row.first
             << " to " << row.last;
+}
+
+/* Some files tell of an event once, whoever asks. */
+TEST(Spawnlet, AJobTakesNoEventThatTheHostWaitsFor)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "mounting takes root";
+    EXPECT_TRUE(in_its_own_process([] {
+        struct pollfd mounts = {.fd = -1, .events = POLLPRI, .revents = 0};
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            close_range(STDERR_FILENO + 1, ~0U, 0) != 0 ||
+            (mounts.fd = open("/proc/self/mounts", O_RDONLY)) < 0 ||
+            mount("none", "/tmp", "tmpfs", 0, nullptr) != 0)
+            return false;
+        return run_job(nothing).code == 0 && poll(&mounts, 1, 0) == 1;
+    }));
 }
 
 /* out is a pipe to which the child writes in every way it can. */
@@ -202,6 +224,56 @@ static bool streams_keep_their_places()
                                                                                                         : 8;
     };
     return right && run_job(find_streams, nullptr, 20, nullptr, zero, nullptr).result == 7;
+}
+
+/* Which file each standard stream of the child is, by the letter of the host's, ! if no program would inherit it. */
+static int name_streams(void *host_files)
+{
+    const struct stat *files = static_cast<const struct stat *>(host_files);
+    std::string names;
+    for (int fd = 0; fd < 3; fd++) {
+        struct stat found = {};
+        fstat(fd, &found);
+        char name = '-';
+        for (int i = 0; i < 4; i++)
+            if (found.st_dev == files[i].st_dev && found.st_ino == files[i].st_ino)
+                name = "012h"[i];
+        names += (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0 ? '!' : name;
+    }
+    spawnlet_done(names.data(), static_cast<uint32_t>(names.size()));
+    return 0;
+}
+
+/* Streams given to a job and those of the host that are closed, by 0 to 2 or h, a higher one; - is none. */
+TEST(Spawnlet, StreamsAreThoseGivenWhereverTheyWere)
+{
+    static constexpr struct {
+        const char *given, *closed, *expected;
+    } rows[] = {{"012", "", "012"},  {"---", "", "---"},   {"0--", "", "0--"},    {"021", "", "021"},
+                {"210", "", "210"},  {"120", "", "120"},   {"111", "", "111"},    {"hhh", "", "hhh"},
+                {"h1h", "", "h1h"},  {"1h0", "", "1h0"},   {"012", "0", "-12"},   {"012", "12", "0--"},
+                {"0hh", "0", "-hh"}, {"h-1", "02", "h-1"}, {"---", "012", "---"}, {"hhh", "012", "hhh"},
+                {"12-", "0", "12-"}};
+    for (const auto &row : rows)
+        EXPECT_TRUE(in_its_own_process([row] {
+            FILE *streams[4];
+            struct stat files[4];
+            for (int i = 0; i < 4; i++) {
+                FILE *made = tmpfile();
+                const int fd = i < 3 ? i : 90;
+                if (dup3(fileno(made), fd, O_CLOEXEC) != fd || fstat(fd, &files[i]) != 0)
+                    return false;
+                streams[i] =
+                    i < 3 ? std::array{stdin, stdout, stderr}[static_cast<size_t>(i)] : fdopen(fd, "r+");
+            }
+            for (const char *closed = row.closed; *closed != '\0'; closed++)
+                close(*closed - '0');
+            const auto given = [&](int i) {
+                return row.given[i] == '-' ? nullptr : streams[row.given[i] == 'h' ? 3 : row.given[i] - '0'];
+            };
+            return run_job(name_streams, files, 20, given(0), given(1), given(2)).buffer == row.expected;
+        })) << row.given
+            << " without " << row.closed;
 }
 
 TEST(Spawnlet, StreamsKeepTheirPlacesWithoutStandardStreams)
