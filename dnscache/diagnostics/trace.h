@@ -76,8 +76,6 @@ template <typename... Args>
         trace_to_log_file(&text, function, line, format, args...);
     if (text.is_whole())
         fwrite(text.record.text, 1, static_cast<size_t>(text.length), stdout);
-    else if constexpr (sizeof...(args) == 0)
-        fputs(format, stdout); /* no message has a %% */
     else
         printf(format, args...);
 }
