@@ -55,12 +55,16 @@ void deliver(const linux_completion &done, const server_spawnlet_data_t *record)
 /* wait_for_children: until the last one has exited, so that none runs into the next measurement. */
 void wait_for_children();
 
-/* look_up: one lookup and the release of what it found. false: it failed. */
-bool look_up(const char *name, int vrf);
+/* look_up: one lookup and the release of what it found. Returns the number of addresses; 0 when it failed. */
+int look_up(const char *name, int vrf);
 
 /* grow, shrink: before a measurement whose first argument says how many megabytes the process has touched, and after. */
 void grow(const benchmark::State &state);
 void shrink(const benchmark::State &state);
+
+/* grow_a_little: to the least of these. */
+constexpr int SMALL_MB = 10;
+void grow_a_little(const benchmark::State &state);
 
 /* seconds_of: the time inside one call. */
 template <typename Call>

@@ -23,9 +23,8 @@ static size_t touched_bytes()
 }
 
 /* In pages of the usual size, as a heap is that has grown bit by bit. */
-void grow(const benchmark::State &state)
+static void grow_to(size_t wanted)
 {
-    const size_t wanted = static_cast<size_t>(state.range(0)) << 20;
     const size_t have = touched_bytes();
     if (have >= wanted)
         give_up("the small parent is larger than that");
@@ -34,6 +33,16 @@ void grow(const benchmark::State &state)
     if (ballast == MAP_FAILED || madvise(ballast, ballast_size, MADV_NOHUGEPAGE) != 0)
         give_up("no memory for a large parent");
     memset(ballast, 1, ballast_size);
+}
+
+void grow(const benchmark::State &state)
+{
+    grow_to(static_cast<size_t>(state.range(0)) << 20);
+}
+
+void grow_a_little(const benchmark::State &)
+{
+    grow_to(size_t{SMALL_MB} << 20);
 }
 
 void shrink(const benchmark::State &)

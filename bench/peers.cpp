@@ -26,7 +26,7 @@ static void libc(benchmark::State &state, const char *name)
     for (auto _ : state) {
         struct addrinfo *chain = nullptr;
         if (getaddrinfo(name, SERVICE, &hints, &chain) != 0 || get_list_length(chain) != ADDRESSES)
-            state.SkipWithError("not the four addresses");
+            give_up("not the four addresses from the libc");
         if (chain != nullptr)
             freeaddrinfo(chain);
     }
@@ -65,7 +65,7 @@ static void unbound_cached(benchmark::State &state)
 {
     for (auto _ : state)
         if (unbound_addresses(DNS_NAME, 1) + unbound_addresses(DNS_NAME, 28) != ADDRESSES)
-            state.SkipWithError("not the four addresses");
+            give_up("not the four addresses from libunbound");
 }
 
 BENCHMARK(unbound_cached);
@@ -121,7 +121,7 @@ static void ares_dns(benchmark::State &state)
         ares_getaddrinfo(ares(), DNS_NAME, SERVICE, &hints, count_addresses, &count);
         ares_run();
         if (count != ADDRESSES)
-            state.SkipWithError("not the four addresses");
+            give_up("not the four addresses from c-ares");
     }
 }
 

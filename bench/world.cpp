@@ -136,12 +136,15 @@ void fill_cache_with(int addresses)
     filled_with = addresses;
 }
 
-bool look_up(const char *name, int vrf)
+int look_up(const char *name, int vrf)
 {
     static const struct addrinfo hints = {};
     struct addrinfo *chain = nullptr;
     if (getaddrinfo_async_mq3(name, SERVICE, &hints, vrf, &chain) != 0)
-        return false;
+        return 0;
+    int addresses = 0;
+    for (const struct addrinfo *ai = chain; ai != nullptr; ai = ai->ai_next)
+        addresses++;
     freeaddrinfo(chain);
-    return true;
+    return addresses;
 }
