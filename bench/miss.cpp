@@ -88,7 +88,7 @@ static void miss_by_hand(benchmark::State &state)
 
 static void sizes_and_vrfs(benchmark::internal::Benchmark *lookup)
 {
-    lookup->ArgNames({"mb", "vrf"})->Setup(grow)->Teardown(shrink)->UseManualTime();
+    lookup->ArgNames({"mb", "vrf"})->Setup(grow)->Teardown(shrink)->UseManualTime()->MinTime(0.06);
     for (const int mb : {SMALL_MB, 100, 500})
         for (const int vrf : {0, 1})
             lookup->Args({mb, vrf});

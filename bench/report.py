@@ -26,7 +26,7 @@ class Results:
             if run.get("error_occurred"):
                 sys.exit(f"{run['name']}: {run['error_message']}")
             if run["run_type"] == "iteration":
-                name = re.sub(r"/(manual_time|real_time|iterations:\d+)", "", run["name"])
+                name = re.sub(r"/(manual_time|real_time|(iterations|min_time):[\d.]+)", "", run["name"])
                 self.times.setdefault(name, []).append(run["real_time"] / 1000)
 
     def quartiles(self, name):
