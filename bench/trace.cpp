@@ -2,7 +2,6 @@
  * trace.cpp: one trace point, with each combination of its sinks. Standard output always is one.
  */
 #include <fcntl.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include "bench/bench.h"

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -142,9 +141,7 @@ int look_up(const char *name, int vrf)
     struct addrinfo *chain = nullptr;
     if (getaddrinfo_async_mq3(name, SERVICE, &hints, vrf, &chain) != 0)
         return 0;
-    int addresses = 0;
-    for (const struct addrinfo *ai = chain; ai != nullptr; ai = ai->ai_next)
-        addresses++;
+    const int addresses = get_list_length(chain);
     freeaddrinfo(chain);
     return addresses;
 }

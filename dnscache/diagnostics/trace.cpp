@@ -112,7 +112,7 @@ struct xfsz_guard {
 
 } // namespace
 
-bool trace_log_is_wanted()
+bool trace_log_is_ready()
 {
     struct stat marker;
     return stat(marker_file, &marker) == 0 && (log_file != nullptr || open_log_file());

@@ -46,7 +46,7 @@ struct trace_text {
 [[gnu::cold, gnu::format(printf, 2, 3)]] void trace_to_history(trace_text *text, const char *format, ...);
 [[gnu::cold, gnu::format(printf, 4, 5)]] void trace_to_log_file(trace_text *text, const char *function,
                                                                 int line, const char *format, ...);
-bool trace_log_is_wanted();
+bool trace_log_is_ready(); /* opens it, if it has to */
 
 static inline bool trace_history_is_on()
 {
@@ -72,7 +72,7 @@ template <typename... Args>
         trace_to_history(&text, format, args...);
     if (trace_debug_is_on())
         dbgemit(1, &evtrack_dbg_modname, 0, format, args...);
-    if (trace_log_is_wanted())
+    if (trace_log_is_ready())
         trace_to_log_file(&text, function, line, format, args...);
     if (text.is_whole())
         fwrite(text.record.text, 1, static_cast<size_t>(text.length), stdout);

@@ -15,7 +15,7 @@ static const char *map_file(const std::string &folder, int sharing)
     return mapped != MAP_FAILED ? static_cast<const char *>(mapped) : nullptr;
 }
 
-/* So many, and with such names, that they are read in many portions and some lines in two, and one not at all. */
+/* So many that they are read in many portions, and one so long that it is cut, as are lines that follow it. */
 TEST(VrfNscd, ForgetsSharedTablesAndNothingElse)
 {
     std::string top = "/tmp/dnscache-test-XXXXXX";
