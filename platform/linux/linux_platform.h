@@ -16,7 +16,7 @@
  *
  * Nothing need be done in a signal handler, and SIGCHLD may be default, ignored or the host's own. Children
  * that have handed their result over are reaped, by their own pidfd, during later calls of the job service.
- * Needs Linux 5.4.
+ * Tested on Linux 5.10, 6.1 and 6.18.
  */
 #ifndef PLATFORM_LINUX_LINUX_PLATFORM_H
 #define PLATFORM_LINUX_LINUX_PLATFORM_H

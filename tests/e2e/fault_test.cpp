@@ -17,7 +17,6 @@ static const struct faulty_call {
     const char *name;
     std::vector<int> errors;
 } faulty_calls[] = {
-    {"access", {EACCES}},
     {"close", {EIO}},
     {"dup2", {EBUSY}},
     {"epoll_create1", {EMFILE}},
@@ -27,6 +26,9 @@ static const struct faulty_call {
     {"fgets", {EIO}},
     {"fopen", {ENFILE}},
     {"fork", {EAGAIN, ENOMEM}},
+    {"fsconfig", {EPERM}},
+    {"fsmount", {EMFILE}},
+    {"fsopen", {ENOMEM}},
     {"fstat", {EIO}},
     {"fstatfs", {EIO}},
     {"getaddrinfo", {EAI_MEMORY}},
@@ -52,6 +54,7 @@ static const struct faulty_call {
     {"readdir", {EIO}},
     {"realloc", {ENOMEM}},
     {"recv", {EINTR, ECONNRESET, SHORT}},
+    {"recvmsg", {ENOBUFS}},
     {"select", {EBADF}},
     {"send", {EINTR, ENOBUFS, SHORT}},
     {"setns", {EPERM}},

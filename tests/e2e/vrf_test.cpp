@@ -86,6 +86,32 @@ static void bind_before(long vrf)
         _exit(1);
 }
 
+static void enter_control_group(const char *name, pid_t process)
+{
+    std::ofstream("/sys/fs/cgroup/" + std::string(name) + "/cgroup.procs") << process;
+}
+
+static void enter_limited_group(long)
+{
+    enter_control_group("limited", 0);
+}
+
+/* As a process that was moved out of its container's control group, by one that is not in that container. */
+static void leave_control_groups(long)
+{
+    int told[2];
+    char word = 0;
+    enter_control_group("inner", 0);
+    const pid_t mover = pipe(told) == 0 ? fork() : -1;
+    if (mover == 0) {
+        if (read(told[0], &word, 1) == 1)
+            enter_control_group("", getppid());
+        _exit(0);
+    }
+    if (unshare(CLONE_NEWCGROUP) != 0 || write(told[1], &word, 1) != 1 || waitpid(mover, nullptr, 0) != mover)
+        _exit(1);
+}
+
 struct hindrance {
     const char *what;
     int32_t vrf;
@@ -151,7 +177,7 @@ static const hindrance hindrances[] = {
     {"most negative", INT32_MIN, "", nullptr, 0, "negative number: Invalid"},
     {"no privilege for a namespace", 1, "", drop_privilege, 65534, "vrf1: Operation not permitted"},
     {"no privilege for a device", 5, "", drop_privilege, 65534,
-     "making the control group vrf: Permission denied"},
+     "mounting the unified hierarchy of control groups: Operation not permitted"},
     {"no descriptor", 1, "", limit_descriptors, 3, "vrf1: Too many open files", true},
     {"no descriptor for a device", 5, "", limit_descriptors, 3, "vrf5: Too many open files", true},
     {"bound already", 2, "", bind_before, 1, "bound before: Device or resource busy"},
@@ -171,19 +197,20 @@ static const hindrance hindrances[] = {
     {"own files refused", 1, "", refuse_system_call, SYS_open_tree, "vrf1/resolv.conf: Input/output error"},
     {"laying over refused", 1, "", refuse_system_call, SYS_move_mount, "over /etc/resolv.conf: Input/output"},
     {"programs refused", 5, "", refuse_system_call, SYS_bpf,
-     "program of a control group: Input/output error"},
-    {"no group can be made", 6, "ip link add vrf6 type veth; echo 1 > /sys/fs/cgroup/cgroup.max.depth",
-     nullptr, 0, "Resource temporarily unavailable"},
+     "asking for programs (needs CAP_NET_ADMIN): Input/output error"},
+    {"control groups refused", 5, "", refuse_system_call, SYS_fsopen,
+     "mounting the unified hierarchy of control groups: Input/output error"},
+    {"outside the root of its control groups", 5, "mkdir /sys/fs/cgroup/inner", leave_control_groups, 0,
+     "own control group /.. is outside the root of its namespace"},
+    {"no group can be made", 5,
+     "mkdir /sys/fs/cgroup/limited; echo 0 > /sys/fs/cgroup/limited/cgroup.max.depth", enter_limited_group, 0,
+     "below /limited/: Resource temporarily unavailable"},
 #ifndef SYS_socketcall /* through which all the socket calls go where it exists */
     {"no socket, namespace", 1, "", refuse_system_call, SYS_getsockopt, "device of a socket: Input/output"},
     {"no socket, device", 5, "", refuse_system_call, SYS_getsockopt, "device of a socket: Input/output"},
 #endif
     {"no folder to hide", 2, "mount -t tmpfs none /var/lib; mkdir /var/lib/sss; touch /var/lib/sss/pipes",
      nullptr, 0, "hiding /var/lib/sss/pipes: Not a directory"},
-    {"unified groups covered", 5, "mount -t tmpfs none /sys/fs/cgroup", nullptr, 0,
-     "unified hierarchy: No such file"},
-    {"no unified groups", 5, "while umount -l -R /sys/fs/cgroup; do :; done", nullptr, 0,
-     "unified hierarchy: No such file"},
 };
 
 /* Not in a chroot, and not where the machine forbids it. */
@@ -250,8 +277,11 @@ TEST(Vrf, KeepsToWhatItWasBoundToOrGivesNoAnswer)
     } cases[] = {
         {1, "cp /etc/resolv.conf /etc/new && mv /etc/new /etc/resolv.conf", LINUX_JOB_NO_RESULT, nullptr,
          nullptr},
-        {5, "ip link set vrf5 name old && ip link set uplink name vrf5", 0,
-         "192.0.2.0 2001:db8::", "192.0.2.5 2001:db8::5"},
+        {5,
+         "rename() { ip link set $1 down; ip link set $1 name $2 && ip link set $2 up; }; "
+         "reach() { ip neighbour replace 10.9.0.53 lladdr 02:00:00:09:00:53 nud permanent dev $1; }; "
+         "rename vrf5 old && rename uplink vrf5 && reach vrf5 && (ip link show port5 || reach old) > /dev/null",
+         0, "192.0.2.0 2001:db8::", "192.0.2.5 2001:db8::5"},
     };
     const uint32_t queue = linux_queue_create();
     dns_cache_init(queue, 1);

@@ -1,0 +1,217 @@
+/*
+ * vrf_group.cpp: the control group of a device, <base>/vrf/<device>.<index>.<network namespace>, much as "ip vrf exec"
+ * makes it. The base is the daemon's own group, so that limits and accounts of its service go on to hold for its jobs.
+ *
+ * A group is made by the first job and stays, since jobs in it share its programs. The index is part of its name: a
+ * device that is made anew gets another group. So is the namespace, whose devices count from 1 like those of any other.
+ */
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/linux/vrf_binding.h"
+#include "platform/linux/vrf_device.h"
+
+static constexpr size_t GROUP_BYTES = 4096;
+static constexpr char own_group_file[] = "/proc/self/cgroup";
+static constexpr char group_namespace[] = "/proc/self/ns/cgroup";
+static constexpr char network_namespace[] = "/proc/self/ns/net";
+static constexpr char unified_prefix[] = "0::"; /* of its line on the unified hierarchy */
+
+using group_name = char[VRF_NAME_BYTES + sizeof ".4294967295.18446744073709551615"];
+
+/* As a path below the root, which is "". */
+static int find_own_group(char *group, size_t size)
+{
+    FILE *lines = fopen(own_group_file, "re");
+    if (lines == nullptr)
+        return vrf_failed(errno, "%s", own_group_file);
+    bool found = false;
+    while (!found && fgets(group, static_cast<int>(size), lines) != nullptr)
+        found = strncmp(group, unified_prefix, strlen(unified_prefix)) == 0 && strchr(group, '\n') != nullptr;
+    fclose(lines);
+    if (!found)
+        return vrf_failed(ENOENT, "own group in %s", own_group_file);
+    group[strcspn(group, "\n")] = '\0';
+    memmove(group, group + strlen(unified_prefix), strlen(group) + 1 - strlen(unified_prefix));
+    if (strcmp(group, "/..") == 0 || strncmp(group, "/../", 4) == 0)
+        return vrf_failed(EXDEV, "own control group %s is outside the root of its namespace", group);
+    if (strcmp(group, "/") == 0)
+        *group = '\0';
+    return 0;
+}
+
+/* Up to, not including, the last component; "" is the root. */
+static void cut_last_component(char *group)
+{
+    char *last = strrchr(group, '/');
+    *(last != nullptr ? last : group) = '\0';
+}
+
+/*
+ * A host that "ip vrf exec" or a job of ours started sits in a group /.../vrf/NAME or below. That group's programs bind to
+ * NAME, and its children could not replace them: our groups are made beside it.
+ */
+static void cut_vrf_group(char *group)
+{
+    char *vrf = strstr(group, "/vrf/");
+    if (vrf != nullptr)
+        *vrf = '\0';
+}
+
+/*
+ * The unified hierarchy as this process's namespace shows it, mounted at no place: what the machine has mounted may be
+ * read-only, partial, covered or missing. The kernel takes the options of a mount that the machine's own namespace
+ * creates for those of the whole hierarchy, and forgets "nsdelegate" over it, so this one is created in another; it shows
+ * what the namespace that opened it sees.
+ */
+static int open_hierarchy(int *root)
+{
+    const int original = open(group_namespace, O_RDONLY | O_CLOEXEC);
+    const int hierarchy = fsopen("cgroup2", FSOPEN_CLOEXEC);
+    const bool is_open = original >= 0 && hierarchy >= 0 && unshare(CLONE_NEWCGROUP) == 0 &&
+                         fsconfig(hierarchy, FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) == 0 &&
+                         setns(original, CLONE_NEWCGROUP) == 0;
+    *root = is_open ? fsmount(hierarchy, FSMOUNT_CLOEXEC,
+                              MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC)
+                    : -1;
+    const int error = errno;
+    if (original >= 0)
+        close(original);
+    if (hierarchy >= 0)
+        close(hierarchy);
+    return *root >= 0 ? 0 : vrf_failed(error, "mounting the unified hierarchy of control groups");
+}
+
+/* Threaded groups, and those that have some, get no children that a process can join from outside. The root may. */
+static bool takes_children(int root, const char *group)
+{
+    char path[GROUP_BYTES + sizeof "/cgroup.type"], type[sizeof "domain threaded\n"];
+    snprintf(path, sizeof path, "%s/cgroup.type", group + 1);
+    const int fd = openat(root, path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return true; /* what is wrong with it shows when it is opened */
+    const ssize_t length = read(fd, type, sizeof type - 1);
+    close(fd);
+    return length < 0 || strncmp(type, "domain\n", static_cast<size_t>(length)) == 0;
+}
+
+static int open_base_below(int root, char *group, int *fd)
+{
+    cut_vrf_group(group);
+    while (*group != '\0' && !takes_children(root, group))
+        cut_last_component(group);
+    *fd = openat(root, *group != '\0' ? group + 1 : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return *fd >= 0 ? 0 : vrf_failed(errno, "control group %s/", group);
+}
+
+static int open_base(char *group, size_t size, int *fd)
+{
+    int root = -1;
+    int error = find_own_group(group, size);
+    if (error == 0)
+        error = open_hierarchy(&root);
+    if (error != 0)
+        return error;
+    error = open_base_below(root, group, fd);
+    close(root);
+    return error;
+}
+
+int vrf_open_base_group(int *group)
+{
+    char path[GROUP_BYTES];
+    return open_base(path, sizeof path, group);
+}
+
+static unsigned long long own_network()
+{
+    struct stat status;
+    return stat(network_namespace, &status) == 0 ? status.st_ino : 0;
+}
+
+/* Of a device of this namespace that is gone, or has another name now. Those of other namespaces are not ours to judge. */
+static bool is_stale(const char *name, unsigned long long network)
+{
+    char device[VRF_NAME_BYTES], present[IF_NAMESIZE], excess;
+    unsigned index;
+    unsigned long long its_network;
+    return sscanf(name, "%15[^.].%u.%llu%c", device, &index, &its_network, &excess) == 3 &&
+           its_network == network &&
+           (if_indextoname(index, present) == nullptr ? errno == ENXIO : strcmp(present, device) != 0);
+}
+
+/* Those with jobs in them stay. */
+static void remove_stale_groups(int parent, unsigned long long network)
+{
+    const int folder = openat(parent, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR *names = folder >= 0 ? fdopendir(folder) : nullptr;
+    if (names == nullptr) {
+        if (folder >= 0)
+            close(folder);
+        return;
+    }
+    while (const struct dirent *entry = readdir(names))
+        if (is_stale(entry->d_name, network))
+            unlinkat(parent, entry->d_name, AT_REMOVEDIR);
+    closedir(names);
+}
+
+static int make_below(int parent, const char *name, const char *base, bool *is_new, int *fd)
+{
+    *is_new = mkdirat(parent, name, 0755) == 0;
+    if (!*is_new && errno != EEXIST)
+        return vrf_failed(errno, "making a control group %s below %s/%s", name, base,
+                          errno == EACCES ? ", without write access to that" : "");
+    *fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return *fd >= 0 ? 0 : vrf_failed(errno, "control group %s below %s/", name, base);
+}
+
+static int make_group(int parent, const char *device, unsigned index, const char *base, int *group)
+{
+    group_name name;
+    bool is_new;
+    const unsigned long long network = own_network();
+    if (network == 0)
+        return vrf_failed(errno, "%s", network_namespace);
+    snprintf(name, sizeof name, "%s.%u.%llu", device, index, network);
+    const int error = make_below(parent, name, base, &is_new, group);
+    if (error == 0 && is_new)
+        remove_stale_groups(parent, network);
+    return error;
+}
+
+int vrf_open_group(const char *device, unsigned index, int *group)
+{
+    char path[GROUP_BYTES];
+    int base = -1, parent = -1;
+    bool is_new;
+    int error = open_base(path, sizeof path, &base);
+    if (error != 0)
+        return error;
+    error = make_below(base, "vrf", path, &is_new, &parent);
+    close(base);
+    if (error != 0)
+        return error;
+    error = make_group(parent, device, index, path, group);
+    close(parent);
+    return error;
+}
+
+int vrf_join_group(int group)
+{
+    const int processes = openat(group, "cgroup.procs", O_WRONLY | O_CLOEXEC);
+    const int error = processes >= 0 && write(processes, "0", 1) == 1 ? 0 : errno;
+    if (processes >= 0)
+        close(processes);
+    return error != 0 ? vrf_failed(error, "joining a control group%s",
+                                   error == EACCES ? ", without write access to the daemon's own" : "")
+                      : 0;
+}

@@ -1,0 +1,229 @@
+/*
+ * What leaves the machine, and by which interface, while jobs are bound to VRF 5 of the laboratory: a VRF device where the
+ * kernel has them, else a veth. Each question is first asked by a process that only binds its socket to the device,
+ * which shows that the question would cross.
+ */
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+
+#include "platform/nsbind.h"
+#include "tests/support/laboratory.h"
+
+static bool has_vrf_device()
+{
+    return shell("ip link show type vrf | grep -q vrf5");
+}
+
+/* Networks: 7, addresses of the default VRF; 8, what its routes lead to; 6, what those of VRF 5 lead to. */
+static void build_networks(bool is_vrf)
+{
+    const std::string own = is_vrf ? "in" : "vrf5";
+    ASSERT_TRUE(shell("for d in out in; do ip link add $d arp off type veth peer name peer$d && "
+                      "ip link set $d up && ip link set peer$d up; done"));
+    ASSERT_TRUE(
+        !is_vrf ||
+        shell("ip link set in master vrf5; ip address add 2001:db8:6::1/64 dev in nodad; for v in 4 6; do "
+              "ip -$v route del unreachable default metric 4278198272 table 1005; done"));
+    ASSERT_TRUE(shell("ip address add 10.7.0.53 dev lo; ip address add 2001:db8:7::53 dev lo; "
+                      "ip address add 10.8.0.1/24 dev out; ip address add 2001:db8:8::1/64 dev out nodad; "
+                      "ip link set " +
+                      own + " arp off; ip address add 10.6.0.1/24 dev " + own));
+}
+
+struct question {
+    const char *address;
+    const char *device;             /* for IP_PKTINFO, or nullptr */
+    bool crosses_vrf, crosses_veth; /* when the socket is bound to the device, and nothing else is done */
+    bool is_own;                    /* and so has to leave, unless it crosses */
+};
+
+static constexpr question questions_asked[] = {
+    {"127.0.0.1", nullptr, true, false, false},
+    {"127.0.0.53", nullptr, true, false, false},
+    {"::1", nullptr, true, false, false},
+    {"10.7.0.53", nullptr, true, false, false},
+    {"2001:db8:7::53", nullptr, true, false, false},
+    {"10.8.0.53", nullptr, true, false, false},
+    {"2001:db8:8::53", nullptr, true, false, false},
+    {"10.8.0.53", "out", true, true, false},
+    {"127.0.0.1", "lo", true, true, false},
+    {"10.6.0.1", nullptr, false, true, true},
+    {"10.6.0.53", nullptr, false, false, true},
+};
+
+static socklen_t address_of(const question *q, int port, struct sockaddr_storage *address)
+{
+    auto *four = reinterpret_cast<struct sockaddr_in *>(address);
+    auto *six = reinterpret_cast<struct sockaddr_in6 *>(address);
+    *address = {};
+    four->sin_port = htons(static_cast<uint16_t>(port));
+    four->sin_family = AF_INET;
+    if (inet_pton(AF_INET, q->address, &four->sin_addr) == 1)
+        return sizeof *four;
+    six->sin6_family = AF_INET6;
+    return inet_pton(AF_INET6, q->address, &six->sin6_addr) == 1 ? sizeof *six : 0;
+}
+
+static void send_datagram(int fd, const question *q, struct sockaddr_storage *address, socklen_t size)
+{
+    struct iovec text = {.iov_base = const_cast<char *>("question"), .iov_len = 8};
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(struct in_pktinfo))] = {};
+    struct msghdr message = {};
+    message.msg_name = address;
+    message.msg_namelen = size;
+    message.msg_iov = &text;
+    message.msg_iovlen = 1;
+    if (q->device != nullptr) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        *CMSG_FIRSTHDR(&message) = {.cmsg_len = CMSG_LEN(sizeof(struct in_pktinfo)),
+                                    .cmsg_level = IPPROTO_IP,
+                                    .cmsg_type = IP_PKTINFO};
+        struct in_pktinfo by = {};
+        by.ipi_ifindex = static_cast<int>(if_nametoindex(q->device));
+        memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &by, sizeof by);
+    }
+    sendmsg(fd, &message, 0);
+}
+
+/* By UDP and, where no interface is named, by TCP. What fails is no packet. */
+static void ask(const question *q, const char *bind_to)
+{
+    struct sockaddr_storage address;
+    const socklen_t size = address_of(q, 53, &address);
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        const int fd = socket(address.ss_family, type | SOCK_NONBLOCK, 0);
+        if (bind_to != nullptr)
+            setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, bind_to, 5);
+        if (type == SOCK_DGRAM)
+            send_datagram(fd, q, &address, size);
+        else if (q->device == nullptr)
+            connect(fd, reinterpret_cast<struct sockaddr *>(&address), size);
+        close(fd);
+    }
+}
+
+static int ask_in_vrf(void *q)
+{
+    const int result = nsbind_set_global_context(5);
+    ask(static_cast<const question *>(q), nullptr);
+    return result;
+}
+
+/* What is sent on every interface. */
+class capture
+{
+  public:
+    capture() : fd(socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK, htons(ETH_P_ALL))) {}
+    ~capture()
+    {
+        close(fd);
+    }
+
+    /* The interfaces that packets to port 53 have been on since the last call. */
+    std::set<std::string> taken()
+    {
+        std::set<std::string> found;
+        unsigned char packet[64];
+        struct sockaddr_ll at = {};
+        for (socklen_t size = sizeof at;
+             recvfrom(fd, packet, sizeof packet, 0, reinterpret_cast<struct sockaddr *>(&at), &size) > 0;) {
+            const size_t header = packet[0] >> 4 == 6 ? 40 : (packet[0] & 15) * 4u;
+            char name[IF_NAMESIZE] = "?";
+            if (at.sll_pkttype == PACKET_OUTGOING && packet[header + 2] == 0 && packet[header + 3] == 53)
+                found.insert(if_indextoname(static_cast<unsigned>(at.sll_ifindex), name));
+        }
+        return found;
+    }
+
+  private:
+    const int fd;
+};
+
+using interfaces = std::set<std::string>;
+
+static interfaces others(interfaces seen)
+{
+    for (const char *own : {"vrf5", "port5", "in"})
+        seen.erase(own);
+    return seen;
+}
+
+static void expect_confined(capture &wires, bool is_vrf)
+{
+    for (question q : questions_asked) {
+        SCOPED_TRACE(std::string(q.address) + " by " + (q.device != nullptr ? q.device : "no interface"));
+        const bool crosses = is_vrf ? q.crosses_vrf : q.crosses_veth;
+        EXPECT_TRUE(in_its_own_process([&] { return ask(&q, "vrf5"), true; }));
+        EXPECT_EQ(!others(wires.taken()).empty(), crosses);
+        EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
+        const interfaces seen = wires.taken();
+        EXPECT_EQ(others(seen), interfaces());
+        EXPECT_TRUE(!seen.empty() || crosses || !q.is_own);
+    }
+}
+
+TEST(Crossing, NoPacketOfAJobLeavesByAnInterfaceOfAnotherVrf)
+{
+    const bool is_vrf = has_vrf_device();
+    capture wires;
+    build_networks(is_vrf);
+    expect_confined(wires, is_vrf);
+    if (is_vrf && shell("for p in udp tcp; do echo 1 > /proc/sys/net/ipv4/${p}_l3mdev_accept; done"))
+        expect_confined(wires, is_vrf);
+}
+
+/* A job that goes on while others come and go. */
+static struct {
+    int asked, answered; /* how often */
+    question q;
+} *const lasting = shared<std::remove_pointer_t<decltype(lasting)>>();
+
+static int ask_when_told(void *)
+{
+    const int result = nsbind_set_global_context(5);
+    for (lasting->answered = 1;; poll(nullptr, 0, 1)) {
+        if (__atomic_load_n(&lasting->asked, __ATOMIC_ACQUIRE) == lasting->answered)
+            continue;
+        ask(&lasting->q, nullptr);
+        __atomic_add_fetch(&lasting->answered, 1, __ATOMIC_RELEASE);
+    }
+    return result;
+}
+
+static interfaces seen_of_lasting_job(capture &wires)
+{
+    const int asked = __atomic_add_fetch(&lasting->asked, 1, __ATOMIC_RELEASE);
+    EXPECT_TRUE(eventually([&] { return __atomic_load_n(&lasting->answered, __ATOMIC_ACQUIRE) == asked; }));
+    return wires.taken();
+}
+
+TEST(Crossing, AMemberCountsFromTheNextJobOn)
+{
+    if (!has_vrf_device())
+        GTEST_SKIP() << "this kernel has no VRF devices";
+    const interfaces none, late = {"late"};
+    question q = {"10.5.0.53", nullptr, false, false, true};
+    capture wires;
+    build_networks(true);
+    lasting->q = q;
+    lasting->asked = 1;
+    start_job(ask_when_told);
+    ASSERT_TRUE(eventually([] { return __atomic_load_n(&lasting->answered, __ATOMIC_ACQUIRE) == 1; }));
+
+    ASSERT_TRUE(shell("ip link add late arp off type veth peer name peerlate && ip link set peerlate up && "
+                      "ip link set late up master vrf5 && ip address add 10.5.0.1/24 dev late"));
+    EXPECT_EQ(seen_of_lasting_job(wires), none);
+    EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
+    EXPECT_EQ(wires.taken(), late);
+    EXPECT_EQ(seen_of_lasting_job(wires), late);
+
+    ASSERT_TRUE(shell("ip link set late nomaster"));
+    EXPECT_EQ(in_its_own_process([&] { return ask(&q, "vrf5"), true; }), true);
+    EXPECT_EQ(wires.taken(), late) << "the question does not cross";
+    EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
+    EXPECT_EQ(wires.taken(), none);
+    EXPECT_EQ(seen_of_lasting_job(wires), none);
+}
