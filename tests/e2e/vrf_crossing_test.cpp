@@ -24,7 +24,7 @@ static void build_networks(bool is_vrf)
                       "ip link set $d up && ip link set peer$d up; done"));
     ASSERT_TRUE(
         !is_vrf ||
-        shell("ip link set in master vrf5; ip address add 2001:db8:6::1/64 dev in nodad; for v in 4 6; do "
+        shell("ip link set in master vrf5; ip address add 2001:db8:6::1 dev vrf5 nodad; for v in 4 6; do "
               "ip -$v route del unreachable default metric 4278198272 table 1005; done"));
     ASSERT_TRUE(shell("ip address add 10.7.0.53 dev lo; ip address add 2001:db8:7::53 dev lo; "
                       "ip address add 10.8.0.1/24 dev out; ip address add 2001:db8:8::1/64 dev out nodad; "
