@@ -46,7 +46,7 @@ static int check_sockets(unsigned index)
     return 0;
 }
 
-/* Joins the group last: what cannot be confined is not bound. */
+/* Joins the group last: if confining it fails, the process is not bound. */
 static int enter_group(const char *device, unsigned index, int *group)
 {
     int error = vrf_open_group(device, index, group);
@@ -60,7 +60,7 @@ static int enter_group(const char *device, unsigned index, int *group)
     return error;
 }
 
-/* A job of another daemon may remove the group meanwhile: it takes the device for gone while that is renamed. */
+/* While a device is being renamed, another job may take its group for that of a device that is gone, and remove it. */
 static int enter_group_that_stays(const char *device, unsigned index, int *group)
 {
     int error = ENODEV;

@@ -211,7 +211,10 @@ int vrf_join_group(int group)
     const int error = processes >= 0 && write(processes, "0", 1) == 1 ? 0 : errno;
     if (processes >= 0)
         close(processes);
-    return error != 0 ? vrf_failed(error, "joining a control group%s",
-                                   error == EACCES ? ", without write access to the daemon's own" : "")
-                      : 0;
+    const char *why = "";
+    if (error == EACCES)
+        why = ", without write access to the daemon's own";
+    else if (error == EOPNOTSUPP)
+        why = " from a threaded one";
+    return error != 0 ? vrf_failed(error, "joining a control group%s", why) : 0;
 }

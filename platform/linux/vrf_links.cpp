@@ -66,9 +66,9 @@ static int read_message(const struct nlmsghdr *message, vrf_links *links, dump *
         return EAGAIN; /* an interface changed: the answer may be incomplete */
     if (message->nlmsg_type == NLMSG_DONE)
         *progress = dump::ENDED;
-    if (message->nlmsg_type == NLMSG_ERROR)
-        return message->nlmsg_len >= NLMSG_LENGTH(sizeof(struct nlmsgerr))
-                   ? -static_cast<const struct nlmsgerr *>(NLMSG_DATA(message))->error
+    if (message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR)
+        return message->nlmsg_len >= NLMSG_LENGTH(sizeof(int)) /* which is 0, or a negative errno */
+                   ? -*static_cast<const int *>(NLMSG_DATA(message))
                    : EBADMSG;
     if (message->nlmsg_type != RTM_NEWLINK || message->nlmsg_len < NLMSG_LENGTH(sizeof(struct ifinfomsg)))
         return 0;
@@ -85,11 +85,13 @@ static int read_message(const struct nlmsghdr *message, vrf_links *links, dump *
 static int read_messages(size_t size, vrf_links *links, dump *progress)
 {
     int error = 0;
-    auto left = static_cast<unsigned>(size);
-    for (const auto *message = reinterpret_cast<const struct nlmsghdr *>(answer);
-         error == 0 && *progress == dump::GOES_ON && NLMSG_OK(message, left);
-         message = NLMSG_NEXT(message, left))
+    for (size_t at = 0; error == 0 && *progress == dump::GOES_ON && at < size;) {
+        const auto *message = reinterpret_cast<const struct nlmsghdr *>(answer + at);
+        if (!NLMSG_OK(message, size - at))
+            return EBADMSG;
         error = read_message(message, links, progress);
+        at += NLMSG_ALIGN(message->nlmsg_len);
+    }
     return error;
 }
 

@@ -77,7 +77,11 @@ static int attach(int group, enum bpf_attach_type place, int program)
     attributes.attach_type = place;
     const int error = bpf(BPF_PROG_ATTACH, &attributes) == 0 ? 0 : errno;
     close(program);
-    return error != 0 ? vrf_failed(error, "attaching a program (needs CAP_NET_ADMIN)") : 0;
+    return error != 0
+               ? vrf_failed(
+                     error,
+                     "attaching a program (needs CAP_NET_ADMIN, and no ancestor group whose program excludes others)")
+               : 0;
 }
 
 /* socket->bound_dev_if = device; return 1. */

@@ -18,7 +18,7 @@ static const char *map_file(const std::string &folder, int sharing)
 /* So many that they are read in many portions, and one so long that it is cut, as are lines that follow it. */
 TEST(VrfNscd, ForgetsSharedTablesAndNothingElse)
 {
-    std::string top = "/tmp/dnscache-test-XXXXXX";
+    std::string top = std::filesystem::temp_directory_path() / "dnscache-test-XXXXXX";
     ASSERT_NE(mkdtemp(top.data()), nullptr);
     EXPECT_TRUE(in_its_own_process([&] {
         std::string too_long = top;

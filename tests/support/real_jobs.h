@@ -23,8 +23,8 @@ class RealJobs : public testing::Test
   protected:
     void SetUp() override
     {
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        setenv("SCRIPT_DIR", folder, 1);
+        ASSERT_NE(mkdtemp(folder.data()), nullptr);
+        setenv("SCRIPT_DIR", folder.c_str(), 1);
         queue = linux_queue_create();
         dns_cache_init(queue, 1);
     }
@@ -68,7 +68,7 @@ class RealJobs : public testing::Test
         return open_descriptors().size();
     }
 
-    char folder[30] = "/tmp/real_jobs_test.XXXXXX";
+    std::string folder = std::filesystem::temp_directory_path() / "real_jobs_test.XXXXXX";
     uint32_t queue = 0;
 };
 
