@@ -15,7 +15,10 @@ constexpr int VRF_NAME_BYTES = 16;
 /* vrf_failed: note what went wrong, to be reported with the text of the errno. Returns error. */
 int vrf_failed(int error, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-/* vrf_join_device: from now on every new IPv4 and IPv6 socket is bound to the device that has this name and index. */
+/*
+ * vrf_join_device: from now on every new IPv4 and IPv6 socket is bound to the device that has this name and index, and
+ * packets leave by that device and its members only.
+ */
 int vrf_join_device(const char *device, unsigned index);
 
 /* vrf_leave_device: new sockets are bound to no device, also if those of the host are. */
