@@ -11,6 +11,7 @@
 #include <net/if.h>
 #include <sched.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -140,12 +141,18 @@ static unsigned long long own_network()
 /* Of a device of this namespace that is gone, or has another name now. Those of other namespaces are not ours to judge. */
 static bool is_stale(const char *name, unsigned long long network)
 {
-    char device[VRF_NAME_BYTES], present[IF_NAMESIZE], excess;
-    unsigned index;
-    unsigned long long its_network;
-    return sscanf(name, "%15[^.].%u.%llu%c", device, &index, &its_network, &excess) == 3 &&
-           its_network == network &&
-           (if_indextoname(index, present) == nullptr ? errno == ENXIO : strcmp(present, device) != 0);
+    char ending[sizeof ".18446744073709551615"], device[IF_NAMESIZE], *rest;
+    const char *dot = strchr(name, '.');
+    if (dot == nullptr)
+        return false;
+    const unsigned long index = strtoul(dot + 1, &rest, 10);
+    snprintf(ending, sizeof ending, ".%llu", network);
+    if (strcmp(rest, ending) != 0)
+        return false;
+    if (if_indextoname(static_cast<unsigned>(index), device) == nullptr)
+        return errno == ENXIO;
+    const auto length = static_cast<size_t>(dot - name);
+    return strlen(device) != length || strncmp(device, name, length) != 0;
 }
 
 /* Those with jobs in them stay. */
