@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 
 #include <array>
+#include <filesystem>
 
 #include "tests/support/laboratory.h"
 
@@ -207,6 +208,14 @@ static bool is_as_before(uint32_t queue, size_t descriptors)
            (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || child.si_pid == 0);
 }
 
+/* So that a life makes its own, and loads programs. */
+static void remove_device_groups()
+{
+    std::error_code none;
+    for (const auto &group : std::filesystem::directory_iterator("/sys/fs/cgroup/vrf", none))
+        rmdir(group.path().c_str());
+}
+
 using step = std::function<void()>;
 
 static void live(int vrf, const step &trouble, const step &recover)
@@ -219,6 +228,7 @@ static void live(int vrf, const step &trouble, const step &recover)
     what_is_not_for_jobs = link_of(not_for_jobs);
     const size_t descriptors = open_descriptors().size();
     const int elsewhere = questions(0);
+    remove_device_groups();
     trouble();
     uint32_t queue = armed(linux_queue_create);
     if (queue == 0) {
