@@ -148,7 +148,7 @@ static int has_name(uint32_t id, const char *name, bool *is_it)
 /* Whether it drops packets of the group's processes, those programs included that ancestor groups have. */
 static int find_egress(int group, bool *is_in_effect)
 {
-    uint32_t ids[256];
+    uint32_t ids[256] = {};
     union bpf_attr attributes;
     memset(&attributes, 0, sizeof attributes);
     attributes.query.target_fd = static_cast<uint32_t>(group);
