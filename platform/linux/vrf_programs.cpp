@@ -18,7 +18,7 @@
 using instructions = std::span<const struct bpf_insn>;
 using program_name = char[BPF_OBJ_NAME_LEN];
 
-/* Which packets may leave. Too large for a stack that is not ours. */
+/* Which packets may leave. Static, since the daemon's stack may be too small for it. */
 static struct {
     vrf_links links;
     struct bpf_insn code[VRF_LINKS_MAX + 4];
@@ -145,7 +145,7 @@ static int has_name(uint32_t id, const char *name, bool *is_it)
     return error;
 }
 
-/* Whether it drops packets of the group's processes, those programs included that ancestor groups have. */
+/* Looks for the program among all that the kernel runs for the group, those of ancestor groups included. */
 static int find_egress(int group, bool *is_in_effect)
 {
     uint32_t ids[256] = {};
