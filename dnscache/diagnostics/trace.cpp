@@ -1,6 +1,6 @@
 /*
- * trace.cpp: the four sinks. Nothing is allocated for a message, and nothing but the open log file outlives
- * it: every condition is asked anew each time.
+ * trace.cpp: the four sinks. No memory is allocated for a message. Only the open log file outlives it: every condition
+ * is checked for each message.
  */
 #include "dnscache/diagnostics/trace.h"
 
@@ -20,27 +20,13 @@
 FILE *log_file = nullptr;
 char file_name[255] = "";
 
+static constexpr uint32_t TRACE_CLASS = 0x730000;
+static constexpr int TRACE_FLAG = 101; /* both the history subtype and the debug flag */
+
 static constexpr char marker_file[] = "/bootflash/.enable_dns_debugs";
 static constexpr char log_folder[] = "/tmp";
 
-static void render(trace_text *text, const char *format, va_list args)
-{
-    text->record.text[0] = '\0';
-    text->length = vsnprintf(text->record.text, sizeof text->record.text, format, args);
-}
-
-void trace_to_history(trace_text *text, const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    render(text, format, args);
-    va_end(args);
-    text->record.subtype = DNSCACHE_TRACE_FLAG;
-    const size_t length = offsetof(history_record, text) + strlen(text->record.text) + 1;
-    evtrack_hist_event(DNSCACHE_TRACE_CLASS, static_cast<uint32_t>(length), &text->record);
-}
-
-/* Whether nobody else can put another file in the place of ours. */
+/* Whether no other user can replace our file in the folder. */
 static bool folder_keeps_files()
 {
     struct stat folder;
@@ -49,7 +35,7 @@ static bool folder_keeps_files()
            ((folder.st_mode & S_ISVTX) != 0 || (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0);
 }
 
-/* What others have planted at the path is neither waited for nor written to: the file is made now, or ours already. */
+/* Creates the file exclusively, or accepts our own regular file: another user may have put a FIFO or a link there. */
 static bool log_file_is_ours()
 {
     if (!folder_keeps_files())
@@ -64,7 +50,7 @@ static bool log_file_is_ours()
            found.st_uid == geteuid() && found.st_nlink == 1;
 }
 
-/* Out of the way of a host without standard streams, which prints all the same. */
+/* Keeps the log off descriptors 0 to 2: a host without standard streams still prints to them. */
 static FILE *open_above_streams()
 {
     int held[3], count = 0;
@@ -84,7 +70,7 @@ static FILE *open_above_streams()
     log_file = log_file_is_ours() ? open_above_streams() : nullptr;
     if (log_file == nullptr)
         return false;
-    /* Forked jobs write to it too, but no program that the host executes should. */
+    /* Forked jobs write to the log too; programs that the host executes must not inherit it. */
     fcntl(fileno(log_file), F_SETFD, FD_CLOEXEC);
     return true;
 }
@@ -92,7 +78,7 @@ static FILE *open_above_streams()
 namespace
 {
 
-/* A log that has reached a limit of file sizes loses text; its host shall not end by that. */
+/* If the log reaches the limit of file sizes, it loses text; SIGXFSZ must not kill the host. */
 struct xfsz_guard {
     struct sigaction own;
 
@@ -112,40 +98,80 @@ struct xfsz_guard {
 
 } // namespace
 
-bool trace_log_is_ready()
+static bool log_is_ready()
 {
     struct stat marker;
     return stat(marker_file, &marker) == 0 && (log_file != nullptr || open_log_file());
 }
 
-void trace_to_log_file(trace_text *text, const char *function, int line, const char *format, ...)
+static void render(trace_point *point, const char *format, va_list args)
+{
+    point->record.text[0] = '\0'; /* vsnprintf() may fail */
+    point->length = vsnprintf(point->record.text, sizeof point->record.text, format, args);
+}
+
+[[gnu::cold]] static void write_history(trace_point *point, const char *format, va_list args)
+{
+    render(point, format, args);
+    point->record.subtype = TRACE_FLAG;
+    const size_t length = offsetof(history_record, text) + strlen(point->record.text) + 1;
+    evtrack_hist_event(TRACE_CLASS, static_cast<uint32_t>(length), &point->record);
+}
+
+bool trace_point::begin(const char *format, ...)
+{
+    if (evtrack_hist_event_subtype_check(TRACE_CLASS, TRACE_FLAG) == 0) {
+        va_list args;
+        va_start(args, format);
+        write_history(this, format, args);
+        va_end(args);
+    }
+    return evtrack_chk_int(TRACE_FLAG, 0, 0, 1) != 0;
+}
+
+/* Prints the rendered text, or renders again if there is none or it was cut. */
+static void print(FILE *out, const trace_point *point, const char *format, va_list args)
+{
+    if (point->length >= 0 && point->length < static_cast<int>(sizeof point->record.text))
+        fwrite(point->record.text, 1, static_cast<size_t>(point->length), out);
+    else
+        vfprintf(out, format, args);
+}
+
+[[gnu::cold]] static void write_log_file(trace_point *point, const char *format, va_list args)
 {
     const xfsz_guard guard;
-    fprintf(log_file, "%s() : %d ", function, line);
+    fprintf(log_file, "%s() : %d ", point->function, point->line);
+    if (point->length < 0) {
+        va_list copy;
+        va_copy(copy, args);
+        render(point, format, copy);
+        va_end(copy);
+    }
+    print(log_file, point, format, args);
+    /* A forked child would write text that is still in the buffer a second time. */
+    fflush(log_file);
+}
+
+void trace_point::finish(const char *format, ...)
+{
     va_list args;
     va_start(args, format);
-    if (text->length < 0) {
-        va_list again;
-        va_copy(again, args);
-        render(text, format, again);
-        va_end(again);
+    if (log_is_ready()) {
+        va_list copy;
+        va_copy(copy, args);
+        write_log_file(this, format, copy);
+        va_end(copy);
     }
-    if (text->is_whole())
-        fwrite(text->record.text, 1, static_cast<size_t>(text->length), log_file);
-    else
-        vfprintf(log_file, format, args);
+    print(stdout, this, format, args);
     va_end(args);
-    /* Never leave text behind for a forked child to write a second time. */
-    fflush(log_file);
 }
 
 /* H and B only. */
 static void trace_to_platform(const char *format, const char *function, int line)
 {
-    trace_text text;
-    if (trace_history_is_on())
-        trace_to_history(&text, format, function, line);
-    if (trace_debug_is_on())
+    trace_point point(function, line);
+    if (point.begin(format, function, line))
         dbgemit(1, &evtrack_dbg_modname, 0, format, function, line);
 }
 

@@ -1,16 +1,16 @@
 /*
- * trace.h: one trace point, up to four sinks, always in this order.
+ * trace.h: trace points. A message goes to up to four sinks, always in this order:
  *
  *   H  event history      while the platform records this class and subtype
  *   B  debug print        while the platform's debug flag is on
- *   F  debug log file     while the marker file exists; the message follows the function's name and line
+ *   F  debug log file     while the marker file exists; the function's name and line precede the message
  *   P  standard output    always
  *
- * TRACE reaches all four, TRACE_ENTER and TRACE_EXIT reach H and B. Every sink gets the same text and adds
- * nothing to it. No sink's failure is anybody's business.
+ * TRACE writes to all four sinks, TRACE_ENTER and TRACE_EXIT write to H and B. Every sink gets the same text and adds
+ * nothing to it. Sink failures are ignored.
  *
- * A helper that is one step of an exported call traces under that call's name, TRACE_AS: it is the name that
- * a reader of the log knows.
+ * A helper that performs one step of an exported call traces under the name of that call, with TRACE_AS: readers of the
+ * log know that name. A file with such helpers calls it `traced_as`.
  */
 #ifndef DNSCACHE_DIAGNOSTICS_TRACE_H
 #define DNSCACHE_DIAGNOSTICS_TRACE_H
@@ -21,104 +21,53 @@
 
 #include "platform/evtrack.h"
 
-constexpr int DNSCACHE_TRACE_CLASS = 0x730000;
-constexpr int DNSCACHE_TRACE_FLAG = 101; /* history subtype and debug flag alike */
-
-/* What the event history takes. */
+/* The record that the event history takes. */
 struct history_record {
     uint32_t subtype;
     char text[512];
 };
 static_assert(offsetof(history_record, text) == 4 && sizeof(history_record) == 516);
 
-/* A message in memory: rendered for the first of H and F, and not again for the sinks after it, if it fits. */
-struct trace_text {
-    int length = -1; /* without its end; -1: not rendered */
+/*
+ * One message on its way through the sinks. It is rendered by the first of H and F that is on, and the later sinks
+ * reuse that text if it fits into the history record.
+ */
+struct trace_point {
+    const char *const function;
+    const int line;
+    int length = -1; /* of the rendered message; -1: not rendered */
     history_record record;
 
-    bool is_whole() const
-    {
-        return length >= 0 && length < static_cast<int>(sizeof record.text);
-    }
+    trace_point(const char *its_function, int its_line) : function(its_function), line(its_line) {}
+
+    /* begin: write the message to H. Returns whether the caller must write it to B. */
+    [[gnu::format(printf, 2, 3)]] bool begin(const char *format, ...);
+
+    /* finish: write the message to F and P. */
+    [[gnu::format(printf, 2, 3)]] void finish(const char *format, ...);
 };
 
-/* The sinks that have more to do than print, and their conditions. */
-[[gnu::cold, gnu::format(printf, 2, 3)]] void trace_to_history(trace_text *text, const char *format, ...);
-[[gnu::cold, gnu::format(printf, 4, 5)]] void trace_to_log_file(trace_text *text, const char *function,
-                                                                int line, const char *format, ...);
-bool trace_log_is_ready(); /* opens it, if it has to */
-
-static inline bool trace_history_is_on()
-{
-    return evtrack_hist_event_subtype_check(DNSCACHE_TRACE_CLASS, DNSCACHE_TRACE_FLAG) == 0;
-}
-
-static inline bool trace_debug_is_on()
-{
-    return evtrack_chk_int(DNSCACHE_TRACE_FLAG, 0, 0, 1) != 0;
-}
-
-/* The formats below were checked against their arguments where the macros were used. */
-#pragma GCC diagnostic push
+#pragma GCC diagnostic push /* TRACE_AS checks each format against its arguments */
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
-/* A template, so that the debug print can be given the format and the arguments as they were written. */
+/* A template, because dbgemit() has no variant that takes a va_list. */
 template <typename... Args>
-[[gnu::noinline]] void trace_to_sinks(const char *function, int line, const char *format, Args... args)
+[[gnu::noinline]] void dnscache_trace(const char *function, int line, const char *format, Args... args)
 {
-    trace_text text;
-    if (trace_history_is_on())
-        trace_to_history(&text, format, args...);
-    if (trace_debug_is_on())
+    trace_point point(function, line);
+    if (point.begin(format, args...))
         dbgemit(1, &evtrack_dbg_modname, 0, format, args...);
-    if (trace_log_is_ready())
-        trace_to_log_file(&text, function, line, format, args...);
-    if (text.is_whole())
-        fwrite(text.record.text, 1, static_cast<size_t>(text.length), stdout);
-    else
-        printf(format, args...);
+    point.finish(format, args...);
 }
 
 #pragma GCC diagnostic pop
 
-/* As printf() gets them anyway. Fewer types make fewer copies of the function above. */
-static inline int as_passed(int value)
-{
-    return value;
-}
-static inline int as_passed(unsigned value)
-{
-    return static_cast<int>(value);
-}
-static inline long as_passed(long value)
-{
-    return value;
-}
-static inline long as_passed(unsigned long value)
-{
-    return static_cast<long>(value);
-}
-static inline const char *as_passed(const char *value)
-{
-    return value;
-}
-static inline const void *as_passed(const void *value)
-{
-    return value;
-}
-
-template <typename... Args>
-void dnscache_trace(const char *function, int line, const char *format, Args... args)
-{
-    trace_to_sinks(function, line, format, as_passed(args)...);
-}
-
-/* The function's entry and exit: H and B. */
+/* Entry and exit of a function: H and B. */
 void dnscache_trace_enter(const char *function, int line);
 void dnscache_trace_exit(const char *function, int line);
 
-/* The call that never runs lets the compiler check the format; a template's own arguments it does not check. */
+/* The compiler does not check the format that a template gets, so this printf(), which never runs, checks it. */
 #define TRACE_AS(function, ...)                                                                              \
     do {                                                                                                     \
         if (false)                                                                                           \
@@ -126,7 +75,7 @@ void dnscache_trace_exit(const char *function, int line);
         dnscache_trace(function, __LINE__, __VA_ARGS__);                                                     \
     } while (false)
 
-/* A message that begins with "%s(%d)" and names its own place there: the same two values as in the log file. */
+/* A message that begins with "%s(%d)": its function and line, as in the log file. */
 #define TRACE_HERE_AS(function, format, ...)                                                                 \
     TRACE_AS(function, format, function, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
@@ -135,7 +84,7 @@ void dnscache_trace_exit(const char *function, int line);
 #define TRACE_ENTER() dnscache_trace_enter(__func__, __LINE__)
 #define TRACE_EXIT() dnscache_trace_exit(__func__, __LINE__)
 
-/* A text that may be missing. */
+/* What printf() prints for a missing text. */
 static inline const char *text_or_null(const char *text)
 {
     return text != nullptr ? text : "(null)";
