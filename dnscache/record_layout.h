@@ -1,8 +1,8 @@
 /*
- * record_layout.h: the bytes of the public records, proved when compiling, and the ways in and out of them.
- * It stands beside dnscache.h because the dumps read the records too, a floor below those who make them.
+ * record_layout.h: the byte layout of the public records, checked at compile time, and conversions from and to them.
+ * It lies beside dnscache.h because diagnostics/, a floor below records/, reads the records, too.
  *
- * The layouts are those of a 32-bit process whatever the build, so that a record means the same everywhere.
+ * 32-bit and 64-bit builds use the same layout, that of a 32-bit process.
  */
 #ifndef DNSCACHE_RECORD_LAYOUT_H
 #define DNSCACHE_RECORD_LAYOUT_H
@@ -46,14 +46,14 @@ static_assert(offsetof(server_spawnlet_data_t, num_entries) == 1664);
 static_assert(offsetof(server_spawnlet_data_t, timestamp) == 1668);
 static_assert(offsetof(server_spawnlet_data_t, status) == 1672);
 
-/* strncpy() with a limit one below the field, into a field of zeros: cut silently, always terminated. */
+/* Copies text into a field of zeros. Longer text is cut silently; the field stays terminated. */
 template <size_t size>
 void copy_text(char (&field)[size], const char *text)
 {
     memcpy(field, text, strnlen(text, size - 1));
 }
 
-/* The five integers of an addrinfo; pointer words 0. */
+/* Copies the five integers; the pointer words become 0. */
 static inline dnscache_addrinfo_image image_of_addrinfo(const struct addrinfo &ai)
 {
     return {.ai_flags = ai.ai_flags,
@@ -77,7 +77,7 @@ static inline struct addrinfo addrinfo_of_image(const dnscache_addrinfo_image &i
     return ai;
 }
 
-/* A caller's hints on their way into a record and out again: where the sizes agree, every byte as it came. */
+/* A caller's hints, into a record and back. Where the sizes are equal, every byte is kept. */
 static inline dnscache_addrinfo_image image_of_hints(const struct addrinfo &hints)
 {
     dnscache_addrinfo_image image = image_of_addrinfo(hints);
@@ -94,7 +94,7 @@ static inline struct addrinfo hints_of_image(const dnscache_addrinfo_image &imag
     return hints;
 }
 
-/* Socket address of an entry, and the bytes of its slot. */
+/* The socket address of an entry; *size receives the size of its slot. */
 static inline const uint8_t *entry_address(const server_spawnlet_data_t &record, int entry, size_t *size)
 {
     const bool ipv6 = record.ai_hdr[entry].ai_family == AF_INET6;

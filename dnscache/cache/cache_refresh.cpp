@@ -1,31 +1,30 @@
 /*
- * cache_refresh.cpp: the refresh pass, which is the only place where a record's age counts, the background
- * resolution that it starts, and the purge that it ends with.
+ * cache_refresh.cpp: the refresh pass, the background resolution that it starts for expired records, and the purge at
+ * its end. Only the refresh pass checks the age of records.
  *
- * One cycle of calls runs through here: a bounded prepend of the full cache (bounded_list.cpp) -> refresh pass
- * -> job start -> bounded prepend of the job list. Nothing on that way adds to the cache.
+ * One cycle of calls runs through this file: bounded prepend to the full cache (lists/bounded_list.cpp) -> refresh pass
+ * -> job start -> bounded prepend to the job list. None of these steps adds a record to the cache.
  */
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
-#include "dnscache/cache/bounded_list.h"
+#include "dnscache/cache/cache_store.h"
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
 #include "dnscache/errno_guard.h"
+#include "dnscache/jobs/job_list.h"
 #include "dnscache/jobs/job_start.h"
+#include "dnscache/lists/bounded_list.h"
 #include "dnscache/record_layout.h"
+#include "dnscache/records/cache_key.h"
 #include "dnscache/records/request_record.h"
 #include "dnscache/state.h"
-
-static constexpr char starter[] = "add_entry_to_dns_cache";
-static constexpr char pass[] = "refresh_dns_cache";
-static constexpr char purge[] = "remove_old_entries_from_local_cache";
 
 static bool cache_answers(const char *key)
 {
     struct addrinfo *chain = nullptr;
-    const int rc = check_local_cache(local_cache, key, &chain);
+    const int rc = cache_find(key, &chain);
     if (chain != nullptr)
         freeaddrinfo(chain);
     return rc == 0;
@@ -33,30 +32,27 @@ static bool cache_answers(const char *key)
 
 static bool is_running(const server_addr_info *request)
 {
-    for (const GList *link = job_list; link != nullptr; link = link->next) {
-        const auto *job = static_cast<const server_addr_info *>(link->data);
-        if (job != nullptr &&
-            strncmp(job->serv_name, request->serv_name, sizeof request->serv_name - 1) == 0 &&
-            job->vrf == request->vrf &&
-            strncmp(job->service, request->service, sizeof request->service - 1) == 0)
+    const GList *place = nullptr;
+    while (const server_addr_info *running = job_list_next(&place))
+        if (strncmp(running->serv_name, request->serv_name, sizeof request->serv_name - 1) == 0 &&
+            running->vrf == request->vrf &&
+            strncmp(running->service, request->service, sizeof request->service - 1) == 0)
             return true;
-    }
     return false;
 }
 
-/* Takes the request over: into job_list, or freed. */
-static int start_in_background(server_addr_info *request, job_options *options)
+/* Takes ownership of the request: puts it into the job list, or frees it. */
+static int start_in_background(const char *traced_as, server_addr_info *request, job_options *options)
 {
-    const uint32_t syserr = start_async_job(starter, request, options, REFRESH_JOB_SECONDS);
-    TRACE_AS(starter, "syserr for spawnlet_fork_fp_async : %d\n", static_cast<int>(syserr));
+    const uint32_t syserr = start_async_job(traced_as, request, options, REFRESH_JOB_SECONDS);
+    TRACE_AS(traced_as, "syserr for spawnlet_fork_fp_async : %d\n", static_cast<int>(syserr));
     if (syserr != 0) {
         free(request);
         return -1;
     }
-    TRACE_AS(starter, "Added to Job HDL List \n");
-    job_list = g_list_check_and_prepend(&job_list, request, MAX_SPAWNLETS);
-    running_jobs++;
-    TRACE_AS(starter, "Async Name Resolution Job Forked \n");
+    TRACE_AS(traced_as, "Added to Job HDL List \n");
+    job_list_add(request);
+    TRACE_AS(traced_as, "Async Name Resolution Job Forked \n");
     return 0;
 }
 
@@ -82,40 +78,43 @@ int add_entry_to_dns_cache(const char *host, int port, int vrf, const struct add
         free(request);
         return 0;
     }
-    if (running_jobs >= MAX_SPAWNLETS) {
+    if (job_list_is_full()) {
         TRACE("Running jobs have exceeded than MAX_SPAWNLETS\n");
         free(request);
         return -1;
     }
-    if (start_in_background(request, &options) != 0)
+    if (start_in_background(__func__, request, &options) != 0)
         return -1;
     TRACE_EXIT();
     return 0;
 }
 
-/* Seconds since the record entered the cache, right across the end of 32-bit time; negative if in the future. */
+/*
+ * Seconds since the record entered the cache, correct also when the 32-bit time wraps; negative if the time stamp is in
+ * the future.
+ */
 static int32_t age_of(const server_spawnlet_data_t *record)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(time(nullptr)) -
                                 static_cast<uint32_t>(record->timestamp));
 }
 
-static void resolve_anew(const server_spawnlet_data_t *record)
+static void resolve_again(const server_spawnlet_data_t *record)
 {
     const struct addrinfo hints = hints_of_image(record->hints);
     add_entry_to_dns_cache(record->serv_name, port_of_service(record->service), record->vrf, &hints);
 }
 
-static void expire(server_spawnlet_data_t *record)
+static void expire_if_old(const char *traced_as, server_spawnlet_data_t *record)
 {
     const int32_t age = age_of(record);
-    TRACE_AS(pass, "Timeout : %ld Cache timeout : %ld\n", long{age}, long{cache_timeout});
+    TRACE_AS(traced_as, "Timeout : %ld Cache timeout : %ld\n", long{age}, long{cache_timeout});
     if (age <= cache_timeout)
         return;
     record->status = ENTRY_INVALID;
-    TRACE_AS(pass, "Timer Expired . Marking it as INVALID\n");
-    /* Marked before, or the record itself would count as the cache's answer. */
-    resolve_anew(record);
+    TRACE_AS(traced_as, "Timer Expired . Marking it as INVALID\n");
+    /* After the mark: otherwise the cache would answer with this very record. */
+    resolve_again(record);
 }
 
 void refresh_dns_cache(void)
@@ -124,21 +123,22 @@ void refresh_dns_cache(void)
     TRACE_ENTER();
     for (GList *link = local_cache; link != nullptr; link = link->next) {
         if (link->data != nullptr)
-            expire(static_cast<server_spawnlet_data_t *>(link->data));
+            expire_if_old(__func__, static_cast<server_spawnlet_data_t *>(link->data));
     }
     remove_old_entries_from_local_cache();
     TRACE_EXIT();
 }
 
-static bool is_kept(const server_spawnlet_data_t *record)
+static bool is_kept(const char *traced_as, const server_spawnlet_data_t *record)
 {
     if (record == nullptr) {
-        TRACE_AS(purge, "dns_inf is NULL\n");
+        TRACE_AS(traced_as, "dns_inf is NULL\n");
         return false;
     }
     if (record->status == ENTRY_RESOLVED)
         return true;
-    TRACE_AS(purge, "dns_inf->status : %d    dns_inf->serv_name: %s\n", record->status, record->serv_name);
+    TRACE_AS(traced_as, "dns_inf->status : %d    dns_inf->serv_name: %s\n", record->status,
+             record->serv_name);
     return false;
 }
 
@@ -150,7 +150,7 @@ void remove_old_entries_from_local_cache(void)
         TRACE("list length before remove: %d\n", static_cast<int>(g_list_length(local_cache)));
     for (GList *link = local_cache; link != nullptr;) {
         GList *next = link->next;
-        if (!is_kept(static_cast<server_spawnlet_data_t *>(link->data)))
+        if (!is_kept(__func__, static_cast<server_spawnlet_data_t *>(link->data)))
             remove_list_link(&local_cache, link);
         link = next;
     }

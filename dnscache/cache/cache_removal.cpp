@@ -1,12 +1,12 @@
 /*
- * cache_removal.cpp: dropping one host from the cache, whatever its ports, VRFs and states.
+ * cache_removal.cpp: removes the records of one host from the cache, with any port, VRF and status.
  */
 #include <string.h>
 
-#include "dnscache/cache/bounded_list.h"
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
 #include "dnscache/errno_guard.h"
+#include "dnscache/lists/bounded_list.h"
 #include "dnscache/state.h"
 
 static bool is_of_server(const server_spawnlet_data_t *record, const char *name)

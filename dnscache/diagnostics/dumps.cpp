@@ -1,5 +1,5 @@
 /*
- * dumps.cpp: records, chains and socket addresses as trace messages.
+ * dumps.cpp: writes records, chains and socket addresses as trace messages.
  */
 #include <arpa/inet.h>
 #include <string.h>
@@ -10,7 +10,7 @@
 #include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
 
-/* Socket addresses come out of byte arrays, so nothing is assumed about their alignment. */
+/* memcpy(): socket addresses lie in byte arrays and may be misaligned. */
 static uint16_t family_of(const struct sockaddr *sa)
 {
     uint16_t family;

@@ -1,5 +1,5 @@
 /*
- * child_wait.cpp: a bounded wait for a child of the host's own. Nothing in the library calls it.
+ * child_wait.cpp: waits a bounded time for a child of the host. The library itself does not call it.
  */
 #include <errno.h>
 #include <string.h>
@@ -26,7 +26,7 @@ void dnscache_wait_for_child(int pid)
     int wait_iterations = 0;
     for (;;) {
         const pid_t reaped = waitpid(pid, nullptr, WNOHANG);
-        const int error = errno; /* before a trace sink can change it */
+        const int error = errno; /* before a trace sink changes it */
         if (reaped > 0)
             return;
         if (wait_iterations == polls_max)

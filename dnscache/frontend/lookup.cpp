@@ -1,21 +1,23 @@
 /*
- * lookup.cpp: the lookup. The cache first; then a child that is waited for; then a child that is not.
+ * lookup.cpp: the lookup. It asks the cache, then a child that it waits for, then starts a child in the background.
  *
- * The request record belongs to the lookup until a background job has been started from it; then to the job list.
+ * The lookup owns the request record until a background job is started from it; then the job list owns it.
  */
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
+#include "dnscache/cache/cache_store.h"
 #include "dnscache/diagnostics/trace.h"
 #include "dnscache/dnscache.h"
 #include "dnscache/errno_guard.h"
+#include "dnscache/jobs/job_list.h"
 #include "dnscache/jobs/job_start.h"
+#include "dnscache/records/cache_key.h"
 #include "dnscache/records/record_intake.h"
 #include "dnscache/records/request_record.h"
 #include "dnscache/state.h"
 
-static constexpr char lookup[] = "getaddrinfo_async_mq3";
+static constexpr char traced_as[] = "getaddrinfo_async_mq3";
 static constexpr int JOB_IN_BACKGROUND = -3;
 
 static void release_chain(struct addrinfo **res)
@@ -25,16 +27,13 @@ static void release_chain(struct addrinfo **res)
     *res = nullptr;
 }
 
-/*
- * The decoding writes to a pointer of our own: only so is a chain that ran out of memory half-way told from what the
- * caller left behind *res, which is not ours to release.
- */
+/* Decodes into a local pointer: a stale *res of the caller would look like a partial chain, and be released. */
 static bool answered_by_cache(const char *node, const char *service, int32_t vrf, struct addrinfo **res)
 {
     char key[512] = "";
     create_hostcache_id(node, port_of_service(service), vrf, key);
     struct addrinfo unwritten, *chain = &unwritten;
-    const int rc = check_local_cache(local_cache, key, &chain);
+    const int rc = cache_find(key, &chain);
     if (chain == &unwritten)
         return false;
     if (rc != 0)
@@ -42,19 +41,19 @@ static bool answered_by_cache(const char *node, const char *service, int32_t vrf
     *res = chain;
     if (rc != 0)
         return false;
-    TRACE_AS(lookup, "Found in Local Cache\n");
+    TRACE_AS(traced_as, "Found in Local Cache\n");
     return true;
 }
 
-/* Whatever its port and VRF: one slow host should not fill the list of background jobs. */
+/* In any VRF and with any port: one slow host must not fill the list of background jobs. */
 static bool is_host_running(const server_addr_info *request)
 {
     bool running = false;
-    for (const GList *link = job_list; link != nullptr; link = link->next) {
-        const auto *job = static_cast<const server_addr_info *>(link->data);
-        if (job == nullptr || strncmp(request->serv_name, job->serv_name, sizeof request->serv_name - 1) != 0)
+    const GList *place = nullptr;
+    while (const server_addr_info *other = job_list_next(&place)) {
+        if (strncmp(request->serv_name, other->serv_name, sizeof request->serv_name - 1) != 0)
             continue;
-        TRACE_HERE_AS(lookup, "%s(%d):Job Already Forked for server %s\n", request->serv_name);
+        TRACE_HERE_AS(traced_as, "%s(%d):Job Already Forked for server %s\n", request->serv_name);
         running = true;
     }
     return running;
@@ -63,35 +62,35 @@ static bool is_host_running(const server_addr_info *request)
 static job_outcome run_blocking_job(server_addr_info *request, bool host_is_running, job_options *options)
 {
     if (host_is_running)
-        TRACE_AS(lookup, "for server(%s):sync-job found - No cache entry \n", request->serv_name);
+        TRACE_AS(traced_as, "for server(%s):sync-job found - No cache entry \n", request->serv_name);
     else
-        TRACE_AS(lookup, "for server(%s):No cache entry - No sync-job\n", request->serv_name);
-    TRACE_AS(lookup, "trying to resolve using blocking spawnlet with timeout %d secs \n", blocking_timeout);
+        TRACE_AS(traced_as, "for server(%s):No cache entry - No sync-job\n", request->serv_name);
+    TRACE_AS(traced_as, "trying to resolve using blocking spawnlet with timeout %d secs \n",
+             blocking_timeout);
 
-    const job_outcome outcome = start_blocking_job(lookup, request, options);
-    TRACE_HERE_AS(lookup, "%s(%d):spawnlet_fork_fp:syserr:0x%x ret_syserr:0x%x str(syserr): %s\n",
+    const job_outcome outcome = start_blocking_job(traced_as, request, options);
+    TRACE_HERE_AS(traced_as, "%s(%d):spawnlet_fork_fp:syserr:0x%x ret_syserr:0x%x str(syserr): %s\n",
                   outcome.syserr, static_cast<unsigned>(outcome.ret_syserr), errcode2str(outcome.syserr));
     return outcome;
 }
 
-/* Once its job has started, *request belongs to the job list and becomes NULL. */
+/* Once the job has started, the job list owns the request: *request becomes NULL. */
 static int go_on_in_background(server_addr_info **request, job_options *options)
 {
-    if (running_jobs >= MAX_SPAWNLETS) {
-        TRACE_AS(lookup, "Running jobs have exceeded than MAX_SPAWNLETS, treating as not-resolvable.\n");
+    if (job_list_is_full()) {
+        TRACE_AS(traced_as, "Running jobs have exceeded than MAX_SPAWNLETS, treating as not-resolvable.\n");
         return -1;
     }
-    const uint32_t syserr = start_async_job(lookup, *request, options, ASYNC_JOB_SECONDS);
-    TRACE_AS(lookup, "syserr for spawnlet_fork_fp_async : 0x%x\n", syserr);
+    const uint32_t syserr = start_async_job(traced_as, *request, options, ASYNC_JOB_SECONDS);
+    TRACE_AS(traced_as, "syserr for spawnlet_fork_fp_async : 0x%x\n", syserr);
     if (syserr != 0) {
-        TRACE_AS(lookup, "****** Freeing serv_ptr %p  ******** \n", static_cast<void *>(*request));
+        TRACE_AS(traced_as, "****** Freeing serv_ptr %p  ******** \n", static_cast<void *>(*request));
         return -1;
     }
     const char *server = (*request)->serv_name;
-    TRACE_HERE_AS(lookup, "%s(%d):Added resolver thread for server %s to Job HDL List \n", server);
-    job_list = g_list_check_and_prepend(&job_list, *request, MAX_SPAWNLETS);
-    running_jobs++;
-    TRACE_HERE_AS(lookup, "%s(%d):Async Name Resolution Job Forked for server %s \n", server);
+    TRACE_HERE_AS(traced_as, "%s(%d):Added resolver thread for server %s to Job HDL List \n", server);
+    job_list_add(*request);
+    TRACE_HERE_AS(traced_as, "%s(%d):Async Name Resolution Job Forked for server %s \n", server);
     *request = nullptr;
     return JOB_IN_BACKGROUND;
 }
@@ -102,33 +101,31 @@ static int take_answer(const job_outcome &outcome, struct addrinfo **res)
         return -1;
     server_spawnlet_data_t *record = new_record_from_child(outcome.ret_info);
     if (record == nullptr) {
-        TRACE_AS(lookup, "No Memory.. Malloc Failed\n");
+        TRACE_AS(traced_as, "No Memory.. Malloc Failed\n");
         return -1;
     }
     record->status = ENTRY_RESOLVED;
     if (get_res_back(record, res) != 0) {
-        TRACE_AS(lookup, "get_res_back Failed in getaddrinfo_async\n");
+        TRACE_AS(traced_as, "get_res_back Failed in getaddrinfo_async\n");
         release_chain(res);
         free(record);
         return -1;
     }
-    TRACE_AS(lookup, "get_res_back Sucess . adding to list \n");
-    record->timestamp = static_cast<int32_t>(time(nullptr));
-    /* The record is the cache's from here on. */
-    local_cache = g_list_check_and_prepend(&local_cache, record, MAX_CACHE_ENTRIES);
+    TRACE_AS(traced_as, "get_res_back Sucess . adding to list \n");
+    cache_store(record);
     return 0;
 }
 
 static int take_outcome(const server_addr_info *request, const job_outcome &outcome, struct addrinfo **res)
 {
     if (outcome.syserr != 0) {
-        TRACE_AS(lookup, "spawnlet fail with syserr(%d)\n", static_cast<int>(outcome.syserr));
+        TRACE_AS(traced_as, "spawnlet fail with syserr(%d)\n", static_cast<int>(outcome.syserr));
         return static_cast<int>(outcome.syserr);
     }
     if (outcome.ret_syserr != 0) {
-        TRACE_HERE_AS(lookup, "%s(%d):Job Completed Successfully for server:%s but unable to resolve\n",
+        TRACE_HERE_AS(traced_as, "%s(%d):Job Completed Successfully for server:%s but unable to resolve\n",
                       request->serv_name);
-        TRACE_HERE_AS(lookup, "%s(%d): DNS fail(%d:%s)\n", outcome.ret_syserr,
+        TRACE_HERE_AS(traced_as, "%s(%d): DNS fail(%d:%s)\n", outcome.ret_syserr,
                       gai_strerror(outcome.ret_syserr));
         return outcome.ret_syserr;
     }
@@ -145,7 +142,7 @@ int getaddrinfo_async_mq3(const char *node, const char *service, const struct ad
         return 0;
 
     job_options options = new_job_options();
-    server_addr_info *request = new_request_record(lookup, node, service, hints, vrf);
+    server_addr_info *request = new_request_record(traced_as, node, service, hints, vrf);
     if (request == nullptr)
         return -1;
     const bool host_is_running = is_host_running(request);

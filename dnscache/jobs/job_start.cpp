@@ -1,5 +1,5 @@
 /*
- * job_start.cpp: options, the bracket around each fork, and the two starts.
+ * job_start.cpp: fills the options record, brackets each fork, and starts the two kinds of job.
  */
 #include "dnscache/jobs/job_start.h"
 
@@ -28,18 +28,18 @@ job_options new_job_options()
 namespace
 {
 
-/* No child may inherit the parent's connection; whatever became of the fork, the parent gets its own back. */
+/* Children must not inherit the routing-context connection. The parent reopens it, also if the fork fails. */
 struct fork_bracket {
-    const char *owner;
+    const char *traced_as;
 
-    explicit fork_bracket(const char *starter) : owner(starter)
+    explicit fork_bracket(const char *caller) : traced_as(caller)
     {
         rtctx_api_close();
     }
     ~fork_bracket()
     {
         if (rtctx_api_init() == 0)
-            TRACE_HERE_AS(owner, "%s(%d): rtctx_api_init fail\n");
+            TRACE_HERE_AS(traced_as, "%s(%d): rtctx_api_init fail\n");
     }
     fork_bracket(const fork_bracket &) = delete;
     fork_bracket &operator=(const fork_bracket &) = delete;
@@ -47,7 +47,7 @@ struct fork_bracket {
 
 } // namespace
 
-/* The job service's bodies take any argument; this one is only ever started with a request record. */
+/* The job service passes a void pointer to the body; this body is only ever started with a request record. */
 static const auto resolver_body = reinterpret_cast<spawnlet_body_t>(resolve_server_hostname);
 
 static void set_limits(job_options *options, int32_t timeout_secs)
@@ -56,13 +56,13 @@ static void set_limits(job_options *options, int32_t timeout_secs)
     options->option_flag = 1;
 }
 
-job_outcome start_blocking_job(const char *owner, server_addr_info *request, job_options *options)
+job_outcome start_blocking_job(const char *traced_as, server_addr_info *request, job_options *options)
 {
     job_outcome outcome = {};
     set_limits(options, blocking_timeout);
     signal(SIGCHLD, SIG_DFL);
     {
-        const fork_bracket bracket(owner);
+        const fork_bracket bracket(traced_as);
         outcome.syserr = spawnlet_fork_fp(resolver_body, request, &outcome.ret_info, &outcome.ret_info_size,
                                           &outcome.ret_syserr, options, stdin, log_file, log_file);
     }
@@ -70,11 +70,11 @@ job_outcome start_blocking_job(const char *owner, server_addr_info *request, job
     return outcome;
 }
 
-uint32_t start_async_job(const char *owner, server_addr_info *request, job_options *options,
+uint32_t start_async_job(const char *traced_as, server_addr_info *request, job_options *options,
                          int32_t timeout_secs)
 {
     set_limits(options, timeout_secs);
-    const fork_bracket bracket(owner);
+    const fork_bracket bracket(traced_as);
     return spawnlet_fork_fp_async(resolver_body, request, 1, options, stdin, stdout, stderr,
                                   &request->job_handle);
 }

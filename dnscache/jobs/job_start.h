@@ -1,6 +1,6 @@
 /*
- * job_start.h: the one way to the job service. Both starts run resolve_server_hostname() on a request record,
- * inside a bracket that keeps the parent's routing-context connection out of the child.
+ * job_start.h: the only way to the job service. Both kinds of job run resolve_server_hostname() on a request record. The
+ * routing-context connection is closed before each fork and reopened after it, so that no child inherits it.
  */
 #ifndef DNSCACHE_JOBS_JOB_START_H
 #define DNSCACHE_JOBS_JOB_START_H
@@ -11,9 +11,9 @@
 #include "platform/spawnlet.h"
 
 constexpr int32_t ASYNC_JOB_SECONDS = 300;
-constexpr int32_t REFRESH_JOB_SECONDS = 0; /* as long as the job service lets it live */
+constexpr int32_t REFRESH_JOB_SECONDS = 0; /* the job service's own limit */
 
-/* What a blocking job brought back. The buffer stays the job service's. */
+/* The result of a blocking job. The job service owns the buffer. */
 struct job_outcome {
     uint32_t syserr;
     void *ret_info;
@@ -21,25 +21,25 @@ struct job_outcome {
     int32_t ret_syserr;
 };
 
-/* Options with a fresh tag; the time-out is the start's to set. One record serves all starts of a call. */
+/* new_job_options: an options record with a random tag. One record serves all jobs of a call; each start sets the time-out. */
 job_options new_job_options();
 
 /*
- * start_blocking_job: run a job and wait for it, blocking_timeout seconds at most.
+ * start_blocking_job: run a job and wait for it, for at most blocking_timeout seconds.
  *
- * owner    the exported call that traces a failure
+ * traced_as  the exported call that starts the job
  *
- * Leaves SIGCHLD ignored, so that a host that waits for nobody collects no zombies.
+ * Leaves SIGCHLD ignored, so that a host that reaps no children collects no zombies.
  */
-job_outcome start_blocking_job(const char *owner, server_addr_info *request, job_options *options);
+job_outcome start_blocking_job(const char *traced_as, server_addr_info *request, job_options *options);
 
 /*
- * start_async_job: start a job and return. Its handle lands in the request record, which must live until the
- * completion.
+ * start_async_job: start a job and return. The job service writes the job's handle to the request record, which must
+ * live until the completion.
  *
  * Returns 0 or the job service's code.
  */
-uint32_t start_async_job(const char *owner, server_addr_info *request, job_options *options,
+uint32_t start_async_job(const char *traced_as, server_addr_info *request, job_options *options,
                          int32_t timeout_secs);
 
 #endif

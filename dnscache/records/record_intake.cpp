@@ -1,11 +1,11 @@
 /*
- * record_intake.cpp: the border between a child's bytes and the cache.
+ * record_intake.cpp: checks the bytes that a child handed back before they enter the cache.
  */
 #include "dnscache/records/record_intake.h"
 
 #include <string.h>
 
-#include "dnscache/records/list_block.h"
+#include "dnscache/lists/list_block.h"
 
 template <size_t size>
 static void terminate(char (&field)[size])

@@ -1,5 +1,5 @@
 /*
- * record_intake.h: where a record that another process wrote becomes one of ours.
+ * record_intake.h: turns the bytes that a child handed back into a record that the library can trust.
  */
 #ifndef DNSCACHE_RECORDS_RECORD_INTAKE_H
 #define DNSCACHE_RECORDS_RECORD_INTAKE_H
@@ -7,12 +7,14 @@
 #include "dnscache/dnscache.h"
 
 /*
- * new_record_from_child: copy a record out of the job service's buffer, on the heap.
+ * new_record_from_child: copy a record from the job service's buffer to the heap.
  *
- * buffer   at least 1676 bytes, of any content
+ * buffer   at least 1676 bytes, with any content
  *
- * Every text that is read as a string is terminated and a negative count becomes 0. Too large a count,
- * canonical names and address lengths stay as they came: the decoder bounds, and reports, those. NULL: no memory.
+ * Terminates every text that is read as a string and sets a negative count to 0. Leaves counts that are too large,
+ * canonical names and address lengths unchanged: the decoder limits and traces them.
+ *
+ * Returns NULL when out of memory.
  */
 server_spawnlet_data_t *new_record_from_child(const void *buffer);
 

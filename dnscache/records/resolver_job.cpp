@@ -1,6 +1,6 @@
 /*
- * resolver_job.cpp: what runs in the child. It binds itself to the VRF, asks the system resolver and packs
- * the answer into one record, whose size is the same whatever came of it.
+ * resolver_job.cpp: runs in the child. It binds the process to the VRF, asks the system resolver and packs the answer
+ * into one record, which has the same size for every result.
  */
 #include <sys/socket.h>
 #include <time.h>
@@ -9,28 +9,20 @@
 #include "dnscache/dnscache.h"
 #include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
-#include "dnscache/records/request_record.h"
+#include "dnscache/records/cache_key.h"
 #include "platform/nsbind.h"
 #include "platform/rtctx.h"
 #include "platform/spawnlet.h"
 
-static constexpr char job[] = "resolve_server_hostname";
+static constexpr char traced_as[] = "resolve_server_hostname";
 
-int get_list_length(struct addrinfo *ai)
-{
-    int length = 0;
-    for (; ai != nullptr; ai = ai->ai_next)
-        length++;
-    return length;
-}
-
-/* Who was asked for. Every text of the entry is zero before. */
+/* Expects an entry of zeros: copy_text() writes no padding. */
 static void pack_request(server_spawnlet_data_t *entry, const server_addr_info *request)
 {
     copy_text(entry->serv_name, request->serv_name);
-    TRACE_AS(job, "resolve_server_hostname : entry.serv_name %s\n", entry->serv_name);
+    TRACE_AS(traced_as, "resolve_server_hostname : entry.serv_name %s\n", entry->serv_name);
     copy_text(entry->service, request->service);
-    TRACE_AS(job, "resolve_server_hostname : entry.service %s\n", entry->service);
+    TRACE_AS(traced_as, "resolve_server_hostname : entry.service %s\n", entry->service);
     entry->hints = request->hints;
     copy_text(entry->serv_id, create_hostcache_id(request->serv_name, port_of_service(request->service),
                                                   request->vrf, nullptr));
@@ -42,7 +34,7 @@ static void pack_canonical_name(char (&slot)[65], const char *name)
     const int length = static_cast<int>(strlen(name));
     const int allowed = static_cast<int>(sizeof slot) - 1;
     if (length > allowed)
-        TRACE_AS(job, "canonname_len : received(%d) morethan allowed(%d) \n", length, allowed);
+        TRACE_AS(traced_as, "canonname_len : received(%d) morethan allowed(%d) \n", length, allowed);
     copy_text(slot, name);
 }
 
@@ -53,7 +45,7 @@ static void pack_entry(server_spawnlet_data_t *entry, int i, const struct addrin
     entry->ai_hdr[i] = image_of_addrinfo(*ai);
     const socklen_t size = ai->ai_addr != nullptr ? ai->ai_addrlen : 0;
     if (ai->ai_family == AF_INET6) {
-        TRACE_AS(job, "IPV6 address : sizeof(sockaddr_in6_yolt) : %d \n",
+        TRACE_AS(traced_as, "IPV6 address : sizeof(sockaddr_in6_yolt) : %d \n",
                  static_cast<int>(sockaddr_in6_yolt_size));
         if (size > 0)
             memcpy(entry->addr6[i], ai->ai_addr,
@@ -69,7 +61,7 @@ static void pack_answers(server_spawnlet_data_t *entry, struct addrinfo *answers
 {
     entry->num_entries = get_list_length(answers);
     if (entry->num_entries > RECORD_ENTRIES_MAX) {
-        TRACE_HERE_AS(job, "%s(%d) more dns entries/host(%d) received than Supported(%d)\n",
+        TRACE_HERE_AS(traced_as, "%s(%d) more dns entries/host(%d) received than Supported(%d)\n",
                       entry->num_entries, RECORD_ENTRIES_MAX);
         entry->num_entries = RECORD_ENTRIES_MAX;
     }
@@ -84,7 +76,7 @@ static void pack_answers(server_spawnlet_data_t *entry, struct addrinfo *answers
     }
 }
 
-/* cold: a child runs it once, so what counts is how few pages it lies on. */
+/* cold: each child runs it once, so it should touch few pages rather than be fast. */
 [[gnu::cold]] int resolve_server_hostname(server_addr_info *request)
 {
     const errno_guard kept;
@@ -96,10 +88,10 @@ static void pack_answers(server_spawnlet_data_t *entry, struct addrinfo *answers
     server_spawnlet_data_t entry = {};
     TRACE("resolve_server_hostname : %s service : %s vrf : %d\n", request->serv_name, request->service,
           request->vrf);
-    /* A failed binding leaves a process without any network, so the resolver below fails by itself. */
+    /* The result is ignored: when binding fails, the process is left without a network, and getaddrinfo() fails. */
     nsbind_set_global_context(request->vrf);
 
-    /* No hints: the cached answer must serve every caller, whatever family or socket type it asked for. */
+    /* No hints: the cached answer must serve every caller, with any family or socket type. */
     struct addrinfo *answers = nullptr;
     const int result = getaddrinfo(request->serv_name, request->service, nullptr, &answers);
     if (result > 0) {

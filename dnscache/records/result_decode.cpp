@@ -1,8 +1,8 @@
 /*
- * result_decode.cpp: a record becomes an addrinfo chain.
+ * result_decode.cpp: decodes a record into an addrinfo chain.
  *
- * Each node and its socket address share one heap block, and freeaddrinfo() releases nodes and their
- * canonical names one by one: so a chain lives on when its record is gone.
+ * Each node and its socket address share one heap block, and freeaddrinfo() frees nodes and canonical names one by one.
+ * So a chain stays valid when its record is freed.
  */
 #include <stdlib.h>
 #include <string.h>
@@ -13,10 +13,10 @@
 #include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
 
-static constexpr char decoder[] = "get_res_back";
+static constexpr char traced_as[] = "get_res_back";
 
 struct node_block {
-    struct addrinfo node; /* first: freeaddrinfo() frees the block by its address */
+    struct addrinfo node; /* first member: freeaddrinfo() frees the block through its address */
     alignas(8) uint8_t address[sizeof server_spawnlet_data_t::addr6[0]];
 };
 
@@ -24,25 +24,25 @@ static struct addrinfo *new_node(const server_spawnlet_data_t &record, int i)
 {
     auto *block = static_cast<node_block *>(malloc(sizeof(node_block)));
     if (block == nullptr) {
-        TRACE_AS(decoder, "Malloc Failed\n");
+        TRACE_AS(traced_as, "Malloc Failed\n");
         return nullptr;
     }
     *block = {};
     block->node = addrinfo_of_image(record.ai_hdr[i]);
     if (block->node.ai_family == AF_INET6)
-        TRACE_AS(decoder, "IPV6 Address here \n");
+        TRACE_AS(traced_as, "IPV6 Address here \n");
 
     size_t size;
     const uint8_t *address = entry_address(record, i, &size);
     memcpy(block->address, address, size);
     block->node.ai_addr = reinterpret_cast<struct sockaddr *>(block->address);
-    /* The length comes from another process: nobody may be sent past the block by it. */
+    /* The length comes from another process: it must not lead a reader past the block. */
     if (block->node.ai_addrlen > size)
         block->node.ai_addrlen = static_cast<socklen_t>(size);
     return &block->node;
 }
 
-/* false: out of memory. The slot need not be terminated. */
+/* Returns false when out of memory. The slot need not be terminated. */
 static bool copy_canonical_name(struct addrinfo *node, const char (&slot)[65])
 {
     int canonname_len = static_cast<int>(strnlen(slot, sizeof slot));
@@ -50,18 +50,26 @@ static bool copy_canonical_name(struct addrinfo *node, const char (&slot)[65])
         return true;
     const int allowed = static_cast<int>(sizeof slot) - 1;
     if (canonname_len > allowed) {
-        TRACE_AS(decoder, "invalid canonname_len(%d) allowed(%d) \n", canonname_len, allowed);
+        TRACE_AS(traced_as, "invalid canonname_len(%d) allowed(%d) \n", canonname_len, allowed);
         canonname_len = allowed;
     }
     const auto bytes = static_cast<size_t>(canonname_len);
     node->ai_canonname = static_cast<char *>(malloc(bytes + 1));
     if (node->ai_canonname == nullptr) {
-        TRACE_AS(decoder, "Malloc Failed \n");
+        TRACE_AS(traced_as, "Malloc Failed \n");
         return false;
     }
     memcpy(node->ai_canonname, slot, bytes);
     node->ai_canonname[bytes] = '\0';
     return true;
+}
+
+int get_list_length(struct addrinfo *ai)
+{
+    int length = 0;
+    for (; ai != nullptr; ai = ai->ai_next)
+        length++;
+    return length;
 }
 
 int get_res_back(server_spawnlet_data_t *record, struct addrinfo **res)

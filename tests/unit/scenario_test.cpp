@@ -20,7 +20,7 @@
 #include <tuple>
 
 #include "dnscache/diagnostics/trace.h"
-#include "dnscache/records/request_record.h"
+#include "dnscache/records/cache_key.h"
 #include "tests/support/fakes.h"
 
 using words = std::vector<std::string>;

@@ -1,12 +1,12 @@
 /*
- * list_block.cpp: out of memory is found out about here, where it is a code.
+ * list_block.cpp: memory shortage is detected here, while it can still be returned.
  */
-#include "dnscache/records/list_block.h"
+#include "dnscache/lists/list_block.h"
 
 #include <glib.h>
 #include <stdlib.h>
 
-/* What GLib takes at once for its links, many times over: an answer's chain is taken too before the link is. */
+/* Many times what GLib allocates at once for links: the answer's chain is allocated before the link, too. */
 static constexpr size_t LINK_RESERVE = 8192;
 
 static bool has_room_for_link()

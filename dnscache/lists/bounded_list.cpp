@@ -1,11 +1,11 @@
 /*
- * bounded_list.cpp: lists that own their data, newest first, and never outgrow their limit.
+ * bounded_list.cpp: lists that own their data, newest first, and never exceed their limit.
  *
- * One cycle of calls begins and may end here: a bounded prepend of the full cache -> refresh pass
- * (cache_refresh.cpp) -> job start -> bounded prepend of the job list. It goes no deeper, since only the
- * cache's limit runs a refresh pass.
+ * One cycle of calls starts here and can end here: bounded prepend to the full cache -> refresh pass
+ * (cache/cache_refresh.cpp) -> job start -> bounded prepend to the job list. It nests no deeper, because only the limit
+ * of the cache starts a refresh pass.
  */
-#include "dnscache/cache/bounded_list.h"
+#include "dnscache/lists/bounded_list.h"
 
 #include <stdlib.h>
 
@@ -50,7 +50,7 @@ GList *g_list_check_and_prepend(GList **list, void *data, int limit)
         if (is_full(*list, limit))
             remove_list_link(list, g_list_last(*list));
     }
-    /* The new element goes in last: no refresh pass judges it, and no eviction takes it. */
+    /* The new element goes in last, so that neither the refresh pass nor the eviction sees it. */
     return g_list_prepend(*list, data);
 }
 
