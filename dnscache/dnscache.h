@@ -3,56 +3,55 @@
  *
  * The life of a lookup
  *
- *   Set-up      Once, before the first lookup, call dns_cache_init() with the queue on which your process
- *               takes the completions of background jobs. dns_cache_set_timeout() sets how long answers live.
+ *   Set-up      Before the first lookup, call dns_cache_init() once with the queue on which your process receives the
+ *               completions of background jobs. dns_cache_set_timeout() sets how long answers stay in the cache.
  *
  *   Lookup      struct addrinfo hints = {0}, *res = NULL;
  *               int rc = getaddrinfo_async_mq3("ntp1", "123", &hints, 3, &res);
  *
- *               The cache answers at once. On a miss a child process is forked, binds itself to the VRF,
- *               resolves and hands back a fixed record; you wait for it at most the blocking time-out (3 s).
- *               Nothing is ever resolved in your own process.
+ *               On a hit, the cache answers at once. On a miss, a child process is forked; it binds itself to the VRF,
+ *               resolves the name and hands back a fixed record. The call waits for it for at most the blocking
+ *               time-out (3 s). No name is ever resolved in your own process.
  *
- *   Try again   -3 means that the child brought no result in time: a second one goes on in the background, for
- *               300 s at most. Return to your event loop and look the name up again when its completion has come.
+ *   Try again   -3 means that the child did not finish in time. A second child continues in the background, for at most
+ *               300 s. Return to your event loop and repeat the lookup when its completion has arrived.
  *
- *   Completion  When your queue delivers a finished job, pass its five values to
- *               dnscache_spawnletcb_job_done(). It stores the answer and forgets the job; the retry is a hit.
- *               A job whose completion never reaches that call counts as running for ever.
+ *   Completion  When your queue delivers a finished job, pass its five values to dnscache_spawnletcb_job_done(). That
+ *               call stores the answer and removes the job from the job list; the next lookup is a hit. A job whose
+ *               completion is never passed on counts as running forever.
  *
- *   Refresh     A lookup never looks at an answer's age. Call refresh_dns_cache() from a timer, more often
- *               than the lifetime: it drops what has expired and resolves it anew in the background.
+ *   Refresh     A lookup ignores the age of an answer. Call refresh_dns_cache() from a timer, more often than the
+ *               lifetime of answers: it drops expired answers and resolves their names again in the background.
  *
- * Who owns what
+ * Ownership
  *
- *   A chain from a lookup is yours: release it with freeaddrinfo(). It owns its addresses, so it outlives
- *   whatever the cache does to the record it came from. The cache and the job list own their records. Nothing
- *   that you pass in is kept.
+ *   You own the chain that a lookup returns: release it with freeaddrinfo(). The chain owns its addresses, so it stays
+ *   valid when the cache drops the record that it was decoded from. The cache and the job list own their records. The
+ *   library keeps no pointer that you pass in.
  *
  * What the library changes in your process
  *
- *   SIGCHLD     After a lookup that was not answered from the cache, SIGCHLD is ignored, whatever it was
- *               before; during the wait it has its default. While it is ignored, children of your own leave
- *               no exit status. If you have some, save your sigaction() before a lookup and restore it after,
- *               then raise(SIGCHLD): your handler was not told of those that ended during the wait. Starting
- *               a background job changes no signal disposition.
- *   stdout      Every trace message is printed to standard output, unflushed: have one that never blocks, such as
- *               /dev/null or a file. While the file
- *               /bootflash/.enable_dns_debugs exists it goes to /tmp/dnscache.log.PARTITION too, if that is
- *               a regular file of your own user's, with no other link, or there is nothing yet, and if others
- *               cannot replace it there (/tmp is sticky).
- *   Children    One for each job. They are your children: wait for your own by pid, never by -1.
- *   rand()      One number is drawn by each lookup that misses the cache, and by each call that may start a
- *               background job.
- *   Memory      malloc() failing is reported by the call that needed it. GLib ends a process that it has no
- *               memory for: as long as no other thread takes what there is, no call gets so far, but
- *               g_list_check_and_prepend() called by yourself.
- *   errno       is left alone.
+ *   SIGCHLD     During the wait of a lookup that misses the cache, SIGCHLD has its default disposition; afterwards it is
+ *               ignored, whatever it was before. While SIGCHLD is ignored, your own children leave no exit status. If
+ *               you have children, save your sigaction() before a lookup and restore it afterwards, then call
+ *               raise(SIGCHLD): your handler did not run for children that exited during the wait. Starting a
+ *               background job changes no signal disposition.
+ *   stdout      Every trace message is printed to standard output and not flushed. Redirect standard output to
+ *               /dev/null or a file: it must never block. While the file /bootflash/.enable_dns_debugs exists, messages
+ *               also go to /tmp/dnscache.log.PARTITION. The library creates that file, or uses an existing one if it is
+ *               a regular file of your own user with no other link, and only where other users cannot replace it (/tmp
+ *               is sticky).
+ *   Children    Each job is a child of your process. Wait for your own children by pid, never with -1.
+ *   rand()      Each lookup that misses the cache, and each call that may start a background job, draws one number.
+ *   Memory      When malloc() fails, the call that needed the memory returns an error. GLib aborts the process when it
+ *               gets no memory. No call of the library lets that happen as long as no other thread uses up the memory
+ *               in between; your own call of g_list_check_and_prepend() can.
+ *   errno       is unchanged.
  *
- * docs/hygiene.md has it call by call.
+ * docs/hygiene.md lists these changes for each call.
  *
- * One thread, one call at a time, the completion handler included: there are no locks. Do not call from a
- * signal handler.
+ * The library has no locks. Call it from one thread, one call at a time, completion handler included. Do not call it
+ * from a signal handler.
  */
 #ifndef DNSCACHE_DNSCACHE_H
 #define DNSCACHE_DNSCACHE_H
@@ -62,7 +61,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
-/* Named here because a strict C11 compile does not see them in <netdb.h>. */
+/* <netdb.h> hides these from a strict C11 compiler. */
 struct addrinfo;
 struct sockaddr;
 
@@ -75,16 +74,16 @@ extern "C" {
 #define MAX_CACHE_ENTRIES 64 /* records in the cache */
 #define MAX_SPAWNLETS 10     /* background jobs running at once */
 
-/* Records. All integers are in host byte order; text is NUL-terminated and padded with zeros to its end. */
+/* Records. Integers are in host byte order. Text is NUL-terminated and padded with zeros. */
 
 enum {
-    ENTRY_EMPTY = 0,    /* resolved, but without any address */
-    ENTRY_INVALID = 1,  /* expired: lookups skip it, the next purge drops it */
+    ENTRY_EMPTY = 0,    /* resolved, but has no address */
+    ENTRY_INVALID = 1,  /* expired: lookups skip it, the next purge removes it */
     ENTRY_FAILED = 2,   /* not resolved */
     ENTRY_RESOLVED = 3, /* holds at least one address */
 };
 
-/* A struct addrinfo as a 32-bit process lays it out, 32 bytes. Nobody follows the pointer words. */
+/* A struct addrinfo in the layout of a 32-bit process, 32 bytes. The pointer words are never dereferenced. */
 typedef struct {
     int32_t ai_flags;
     int32_t ai_family;
@@ -96,9 +95,9 @@ typedef struct {
     uint32_t ai_next;
 } dnscache_addrinfo_image;
 
-/* What to resolve, 564 bytes: the argument of a resolver job, and a running background job in the job list. */
+/* A request, 564 bytes: the argument of a resolver job, and the element of the job list for a running background job. */
 typedef struct {
-    uint32_t job_handle; /* written by the job service when the job starts in the background; else 0 */
+    uint32_t job_handle; /* set by the job service when it starts a background job; otherwise 0 */
     char serv_name[512]; /* host name */
     char service[12];    /* port, decimal */
     dnscache_addrinfo_image hints;
@@ -106,91 +105,92 @@ typedef struct {
 } server_addr_info;
 
 /*
- * What a resolver job found, 1676 bytes: its message to the parent, and an entry of the cache. The key comes
- * first, so that the record's address is also its key's. Entry i is ai_hdr[i], addr[i], addr6[i],
- * canonname[i].
+ * A result, 1676 bytes: the message of a resolver job to its parent, and a record of the cache. The key is the first
+ * member, so the address of the record is also the address of its key. Entry i consists of ai_hdr[i], addr[i], addr6[i]
+ * and canonname[i].
  */
 typedef struct {
     char serv_id[524]; /* cache key, host:port:vrf */
     char serv_name[512];
     char service[12];
-    dnscache_addrinfo_image hints;     /* of the request */
+    dnscache_addrinfo_image hints;     /* from the request */
     dnscache_addrinfo_image ai_hdr[4]; /* pointer words 0 */
-    uint8_t addr[4][16];               /* the first 16 bytes of the socket address, whatever its family */
+    uint8_t addr[4][16];               /* the first 16 bytes of the socket address, for any family */
     int32_t vrf;
-    uint8_t addr6[4][32]; /* the whole socket address of an IPv6 entry; else zero */
+    uint8_t addr6[4][32]; /* the whole socket address of an IPv6 entry; otherwise zero */
     char canonname[4][65];
     int32_t num_entries; /* 0 to 4 */
-    int32_t timestamp;   /* seconds since the epoch at which the record entered the cache; 0 not set */
+    int32_t timestamp;   /* seconds since the epoch when the record entered the cache; 0: not set */
     int32_t status;      /* ENTRY_... */
 } server_spawnlet_data_t;
 
-/* The debug log: NULL until the first message that found its marker file, then open as long as the process. */
+/* The debug log. NULL until a message finds the marker file; then open until the process exits. */
 extern FILE *log_file;
-/* Path of the last attempt to open the debug log; empty before the first. */
+/* Path of the last attempt to open the debug log; empty before the first attempt. */
 extern char file_name[255];
 
 /* Lookup and set-up */
 
 /*
- * getaddrinfo_async_mq3: the addresses of a server in one VRF.
+ * getaddrinfo_async_mq3: look up the addresses of a server in one VRF.
  *
  * node     host name, not NULL; its first 511 characters are looked up
- * service  port in decimal, not NULL; its first 11 characters are used. Port names are looked up too, but all
- *          of them share the cache key of port 0
- * hints    not NULL. Carried along, but it does not restrict the answer
- * vrf      VRF number, as the platform's VRF binding counts them
+ * service  port in decimal, not NULL; its first 11 characters are used. A service name is resolved, too, but all
+ *          service names share the cache key of port 0
+ * hints    not NULL. They are stored with the answer but do not restrict it
+ * vrf      VRF number, as the platform's VRF binding defines it
  * res      not NULL; set *res = NULL before the call
  *
- *  0       found; *res is a chain of one to four addresses that you release with freeaddrinfo()
+ *  0       found; *res is a chain of one to four addresses. Release it with freeaddrinfo()
  * -3       not yet: a background job was started. Try again after its completion
- * -1       refused: an argument is NULL, no memory, or the child's record was unusable; or the child brought no
+ * -1       refused: an argument is NULL, there is no memory, or the child's record is unusable; or the child brought no
  *          result, and MAX_SPAWNLETS jobs are running or the background job could not be started
- * other    the child's getaddrinfo() code, negative; gai_strerror() has its text. It may be -3 as well, which
- *          then has no job behind it. Failures are not cached
- * other    the job service's code, unchanged; errcode2str() has its text. The blocking job was not completed
- *          and a background job for the same host is running already. The Linux platform's are positive
+ * other    negative: the code of getaddrinfo() in the child; gai_strerror() returns its text. This code can be -3, too;
+ *          then no background job was started. Failures are not cached
+ * other    positive on the Linux platform: the code of the job service, unchanged; errcode2str() returns its text. The
+ *          blocking job did not complete, and a background job for the same host is already running
  *
- * The cache key, host:port:vrf, holds 98 characters. Of a longer one the VRF is cut first: look up no names of more
- * than 80 characters, or the cached answer of another VRF may be what you get.
+ * The cache key, host:port:vrf, has at most 98 characters. A longer key is cut at its end, where the VRF is. Do not look
+ * up names of more than 80 characters: the lookup could return the cached answer of another VRF.
  *
- * After any result but 0, *res is NULL if you set it so.
- * Blocks   for the blocking time-out at most.
- * Changes  SIGCHLD, see above. A full cache is refreshed, then gives up its oldest record.
+ * If you set *res to NULL, it is NULL after every result other than 0.
+ * Blocks   for at most the blocking time-out.
+ * Changes  SIGCHLD, see above. Storing an answer in a full cache runs a refresh pass; if the cache is still full, its
+ *          oldest record is removed.
  */
 int getaddrinfo_async_mq3(const char *node, const char *service, const struct addrinfo *hints, int32_t vrf,
                           struct addrinfo **res);
 
 /*
- * dns_cache_init: register the completion queue. The first call counts; later ones change nothing.
+ * dns_cache_init: register the completion queue. Only the first call has an effect.
  *
- * queue         the platform's queue handle, passed on to its job service
- * timeout_secs  blocking time-out in seconds; 0 keeps the 3 s
+ * queue         handle of the platform's queue, passed to its job service
+ * timeout_secs  blocking time-out in seconds; 0 keeps the default of 3 s
  *
- * Without it lookups work, but completions of background jobs are not delivered.
+ * Lookups work without this call, but completions of background jobs are not delivered.
  */
 void dns_cache_init(uint32_t queue, int32_t timeout_secs);
 
 /*
- * dns_cache_set_timeout: how many seconds an answer lives, 60 at start. Taken unchecked, at any time; it
- * counts from the next refresh pass on, which drops every record older than this.
+ * dns_cache_set_timeout: set the lifetime of answers, in seconds (default: 60). May be called at any time. The value is
+ * not checked. The next refresh pass drops every record that is older.
  */
 void dns_cache_set_timeout(int32_t timeout_secs);
 
 /* Completion of an asynchronous job, called by the host */
 
 /*
- * dnscache_spawnletcb_job_done: take in one finished background job, with the values its completion carries.
+ * dnscache_spawnletcb_job_done: handle one finished background job. The arguments are the values of its completion.
  *
- * handle         the job's handle
- * syserr         the job service's code, only traced
- * ret_info       the record that the child handed back; stays the job service's. NULL: none
- * ret_info_size  its size in bytes. Less than a record: the job counts as failed
- * ret_syserr     what the child returned: 0, or the code of its getaddrinfo(). Nonzero: nothing is cached
+ * handle         handle of the job
+ * syserr         code of the job service; only traced
+ * ret_info       the record that the child handed back, owned by the job service; NULL if there is none
+ * ret_info_size  its size in bytes. If it is less than a record, the job counts as failed
+ * ret_syserr     what the child returned: 0, or the code of its getaddrinfo(). If it is not 0, nothing is cached
  *
- * The record enters the cache unless its key is answered there already; the job leaves the job list. If
- * memory runs out the job stays listed, as if its completion had not come; a second call, with no record, ends
- * that. An unknown handle removes nothing.
+ * Stores the record in the cache, unless the cache already has an answer for its key, and removes the job from the job
+ * list. If there is no memory for the record, the job stays in the list, as if it had no completion; a second call
+ * without a record removes it. An unknown handle removes nothing.
  */
 void dnscache_spawnletcb_job_done(uint32_t handle, uint32_t syserr, void *ret_info, uint32_t ret_info_size,
                                   int32_t ret_syserr);
@@ -200,62 +200,62 @@ void dnscache_spawnletcb_job_done(uint32_t handle, uint32_t syserr, void *ret_in
 /*
  * check_local_cache: find the newest usable record with this key and decode it.
  *
- * list     cache head, newest first; NULL is a miss
- * key      cache key, compared over 523 characters; not NULL unless list is NULL
- * res      not NULL; written by the decoding only, so set *res = NULL first
+ * list     head of the cache, newest record first; NULL is a miss
+ * key      cache key, of which 523 characters are compared; not NULL unless list is NULL
+ * res      not NULL. Written only when a record is decoded, so set *res = NULL before the call
  *
- *  0       found; *res is a chain that you release with freeaddrinfo()
- * -1       no usable record, or decoding failed; *res may hold a partial chain to release
+ *  0       found; *res is a chain. Release it with freeaddrinfo()
+ * -1       no usable record, or decoding failed; *res may be a partial chain, which you must release
  *
- * Age is not examined: only the refresh pass expires records.
+ * The age of records is not checked: only the refresh pass expires records.
  */
 int check_local_cache(GList *list, const char *key, struct addrinfo **res);
 
 /*
- * refresh_dns_cache: one refresh pass. Marks every record older than the lifetime invalid, starts resolving
- * it anew in the background, then purges. Never blocks on a resolution; forks up to MAX_SPAWNLETS children.
+ * refresh_dns_cache: run one refresh pass. Marks every record that is older than the lifetime as invalid, starts to
+ * resolve its name again in the background, then purges the cache. Never waits for a resolution. Forks at most
+ * MAX_SPAWNLETS children.
  */
 void refresh_dns_cache(void);
 
 /*
- * add_entry_to_dns_cache: resolve a server in the background, without waiting. With a lookup after its
- * completion this is the way to never wait at all.
+ * add_entry_to_dns_cache: resolve a server in the background, without waiting. If you call this first, and the lookup
+ * only after the completion, you never wait.
  *
  * host     host name;  port, vrf  numbers;  hints  may be NULL
  *
- *  0       a job was started, or is running already for this host, port and VRF, or the cache has the answer
- * -1       no job: host is NULL, no memory, MAX_SPAWNLETS are running, or the job service refused
+ *  0       a job was started, or a job for this host, port and VRF is already running, or the cache has the answer
+ * -1       no job: host is NULL, there is no memory, MAX_SPAWNLETS jobs are running, or the job service refused
  */
 int add_entry_to_dns_cache(const char *host, int port, int vrf, const struct addrinfo *hints);
 
-/* remove_old_entries_from_local_cache: the purge. Drops every record that is not ENTRY_RESOLVED. */
+/* remove_old_entries_from_local_cache: purge the cache: remove every record that is not ENTRY_RESOLVED. */
 void remove_old_entries_from_local_cache(void);
 
 /*
- * remove_entry_from_dns_cache: drop every record of one host, whatever its port, VRF or status. Jobs that are
- * running for it go on and store their answers.
+ * remove_entry_from_dns_cache: remove every record of one host, with any port, VRF and status. Running jobs for this
+ * host continue and store their answers.
  *
- * name     host name, compared over 511 characters; not NULL unless the cache is empty
+ * name     host name, of which 511 characters are compared; not NULL unless the cache is empty
  */
 void remove_entry_from_dns_cache(const char *name);
 
 /*
- * g_list_check_and_prepend: put an element at the head of a list that is bounded.
+ * g_list_check_and_prepend: put an element at the head of a bounded list.
  *
  * list     address of the list variable
- * data     malloc()ed block that the list owns from now on; NULL adds nothing
- * limit    most elements; 0 for no limit, never negative. A list that has reached it gives up its last
- *          element. With a limit of MAX_CACHE_ENTRIES, which must come with the cache itself, a refresh pass
- *          runs first
+ * data     block from malloc(), which the list owns from now on; NULL adds nothing
+ * limit    most elements; 0: no limit; never negative. If the list has reached the limit, its last element is removed.
+ *          The limit MAX_CACHE_ENTRIES is reserved for the cache: a refresh pass runs before the removal
  *
  * Returns the new head, which the caller stores in *list; NULL if list is NULL.
  */
 GList *g_list_check_and_prepend(GList **list, void *data, int limit);
 
-/* free_node: free() for one element's data; NULL is fine. */
+/* free_node: free() the data of one element, which may be NULL. */
 void free_node(void *data);
 
-/* destroy_dns_cache: free a whole list and its data. Returns 0. The caller sets its variable to NULL. */
+/* destroy_dns_cache: free a whole list and its data. Returns 0. The caller then sets its list variable to NULL. */
 int destroy_dns_cache(GList *list);
 
 /* Records and job body */
@@ -264,60 +264,60 @@ int destroy_dns_cache(GList *list);
  * server_addr_init: fill a request record.
  *
  * serv_name, service  not NULL; cut to 511 and 11 characters
- * hints               may be NULL. A 64-bit build keeps its five integers, a 32-bit build all its bytes
- * record              not NULL; overwritten whole
+ * hints               may be NULL. A 64-bit build copies its five integers, a 32-bit build all its bytes
+ * record              not NULL; all its bytes are written
  *
- * Returns 0; -1 for a NULL, with the record untouched.
+ * Returns 0; or -1 if serv_name, service or record is NULL, and leaves the record unchanged.
  */
 int server_addr_init(const char *serv_name, const char *service, const struct addrinfo *hints, int vrf,
                      server_addr_info *record);
 
 /*
- * resolve_server_hostname: the body of a resolver job. For the job service, in a child of its own: it binds
- * the calling process to the VRF for good.
+ * resolve_server_hostname: the body of a resolver job. Only the job service calls it, in a child: it permanently binds
+ * the calling process to the VRF.
  *
  * request  not NULL, not changed
  *
- * Returns 0 or the negative code of getaddrinfo(). Hands one record back through spawnlet_done().
+ * Returns 0 or the negative code of getaddrinfo(). Hands one record to the parent with spawnlet_done().
  */
 int resolve_server_hostname(server_addr_info *request);
 
-/* get_list_length: number of nodes in a chain; 0 for NULL. */
+/* get_list_length: count the nodes of a chain; 0 for NULL. */
 int get_list_length(struct addrinfo *ai);
 
 /*
- * get_res_back: decode a record into a chain, one node an entry.
+ * get_res_back: decode a record into a chain with one node for each entry.
  *
- * record   its status is not examined; NULL fails
+ * record   may be NULL, which is a failure. Its status is not checked
  * res      not NULL; always written
  *
- *  0       *res is the whole chain, which the caller releases with freeaddrinfo(). It owns its addresses
- * -1       no record or no entries: *res is NULL. Out of memory: *res is the chain so far, to be released
+ *  0       *res is the complete chain. Release it with freeaddrinfo(). It owns its addresses
+ * -1       no record or no entries: *res is NULL. Out of memory: *res is a partial chain, which you must release
  *
- * A negative count, which no record in the cache has, decodes to 0 and NULL.
+ * A negative count, which no record in the cache has, returns 0 and a *res of NULL.
  */
 int get_res_back(server_spawnlet_data_t *record, struct addrinfo **res);
 
-/* Diagnostics: each writes trace messages and changes nothing. */
+/* Diagnostics: these calls write trace messages and change nothing. */
 
-/* server_spawnlet_data_display: dump a record, not NULL. */
+/* server_spawnlet_data_display: dump a record, which must not be NULL. */
 void server_spawnlet_data_display(const server_spawnlet_data_t *record);
 
 /* display_ip_addrs: dump the five integers of each node of a chain, which may be NULL. */
 void display_ip_addrs(const struct addrinfo *ai);
 
-/* display_sockaddr: dump the family and 14 data bytes of a socket address, not NULL. */
+/* display_sockaddr: dump the family and 14 data bytes of a socket address, which must not be NULL. */
 void display_sockaddr(const struct sockaddr *sa);
 
 /*
- * get_sock_in_addr: the address bytes inside a socket address: 4 of IPv4, 16 of IPv6. They lie in sa and live
- * as long. NULL when sa is NULL or of another family.
+ * get_sock_in_addr: find the address bytes in a socket address: 4 bytes for IPv4, 16 for IPv6. They are part of *sa and
+ * valid as long as it is. Returns NULL if sa is NULL or has another family.
  */
 const void *get_sock_in_addr(const struct sockaddr *sa);
 
 /*
- * dnscache_wait_for_child: wait for a child of your own to exit, about two seconds at most, and reap it. The
- * outcome is only traced; a child that is still running is left alone.
+ * dnscache_wait_for_child: wait at most about two seconds for one of your own children to exit, and reap it. The result
+ * is only traced. A child that is still running is left alone.
  *
  * pid      as for waitpid()
  */
