@@ -31,7 +31,7 @@
  *
  * What the library changes in your process
  *
- *   SIGCHLD     During the wait of a lookup that misses the cache, SIGCHLD has its default disposition; afterwards it is
+ *   SIGCHLD     While a lookup that misses the cache waits, SIGCHLD has its default disposition; afterwards it is
  *               ignored, whatever it was before. While SIGCHLD is ignored, your own children leave no exit status. If
  *               you have children, save your sigaction() before a lookup and restore it afterwards, then call
  *               raise(SIGCHLD): your handler did not run for children that exited during the wait. Starting a
@@ -95,7 +95,7 @@ typedef struct {
     uint32_t ai_next;
 } dnscache_addrinfo_image;
 
-/* A request, 564 bytes: the argument of a resolver job, and the element of the job list for a running background job. */
+/* A request, 564 bytes: the argument of a resolver job, and the element of the job list while a background job runs. */
 typedef struct {
     uint32_t job_handle; /* set by the job service when it starts a background job; otherwise 0 */
     char serv_name[512]; /* host name */
@@ -150,8 +150,8 @@ extern char file_name[255];
  * other    positive on the Linux platform: the code of the job service, unchanged; errcode2str() returns its text. The
  *          blocking job did not complete, and a background job for the same host is already running
  *
- * The cache key, host:port:vrf, has at most 98 characters. A longer key is cut at its end, where the VRF is. Do not look
- * up names of more than 80 characters: the lookup could return the cached answer of another VRF.
+ * The cache key, host:port:vrf, has at most 98 characters. A longer key is cut at its end, where the VRF is. Do not
+ * look up names of more than 80 characters: the lookup could return the cached answer of another VRF.
  *
  * If you set *res to NULL, it is NULL after every result other than 0.
  * Blocks   for at most the blocking time-out.

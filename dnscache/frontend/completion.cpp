@@ -1,5 +1,5 @@
 /*
- * completion.cpp: handles a finished background job: stores its record in the cache and removes the job from the job list.
+ * completion.cpp: handles a finished background job: stores its record in the cache, removes the job from the job list.
  */
 #include <string.h>
 

@@ -1,6 +1,6 @@
 /*
- * job_start.h: the only way to the job service. Both kinds of job run resolve_server_hostname() on a request record. The
- * routing-context connection is closed before each fork and reopened after it, so that no child inherits it.
+ * job_start.h: the only way to the job service. Both kinds of job run resolve_server_hostname() on a request record.
+ * The routing-context connection is closed before each fork and reopened after it, so that no child inherits it.
  */
 #ifndef DNSCACHE_JOBS_JOB_START_H
 #define DNSCACHE_JOBS_JOB_START_H
@@ -21,7 +21,7 @@ struct job_outcome {
     int32_t ret_syserr;
 };
 
-/* new_job_options: an options record with a random tag. One record serves all jobs of a call; each start sets the time-out. */
+/* new_job_options: an options record with a random tag, for all jobs of one call. Each start sets the time-out. */
 job_options new_job_options();
 
 /*
