@@ -1,6 +1,6 @@
 /*
- * evtrack.h: where trace messages go on this platform: the event history and the debug channel. Called for
- * every message, in children too; none of it may block.
+ * evtrack.h: where trace messages go on this platform: the event history and the debug channel. The library calls
+ * these functions for every message, in children too. None of them may block.
  */
 #ifndef PLATFORM_EVTRACK_H
 #define PLATFORM_EVTRACK_H
@@ -11,16 +11,16 @@
 extern "C" {
 #endif
 
-/* evtrack_hist_event_subtype_check: 0 when the event history records this class and subtype. */
+/* evtrack_hist_event_subtype_check: return 0 if the event history records this class and subtype. */
 int evtrack_hist_event_subtype_check(uint32_t event_class, uint32_t subtype);
 
-/* evtrack_hist_event: append a record of length bytes, the subtype in its first four. The result is ignored. */
+/* evtrack_hist_event: append a record of length bytes that begins with the 4-byte subtype. The result is ignored. */
 int evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record);
 
-/* evtrack_chk_int: nonzero when this debug flag is on. The library passes (flag, 0, 0, 1). */
+/* evtrack_chk_int: return nonzero if this debug flag is on. The library passes (flag, 0, 0, 1). */
 int evtrack_chk_int(int flag, int unused_1, int unused_2, int one);
 
-/* The process's name on the debug channel. Only its address is passed around. */
+/* The name of the process on the debug channel. The library only passes its address to dbgemit(). */
 typedef struct {
     char name[32];
 } evtrack_modname;

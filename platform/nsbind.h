@@ -1,5 +1,5 @@
 /*
- * nsbind.h: binding a process to a VRF.
+ * nsbind.h: binds a process to a VRF.
  */
 #ifndef PLATFORM_NSBIND_H
 #define PLATFORM_NSBIND_H
@@ -11,10 +11,11 @@ extern "C" {
 #endif
 
 /*
- * nsbind_set_global_context: from now on the calling process reaches the network through this VRF only.
+ * nsbind_set_global_context: bind the calling process to a VRF: from now on it reaches the network through
+ * this VRF only.
  *
- * Returns 0 when bound. The library calls it in a job's child and does not look at the result, so it must
- * fail closed: a process that could not be bound must not reach any network afterwards.
+ * Returns 0 when bound. The library calls it in a job's child and ignores the result, so it must fail closed:
+ * a process that could not be bound must not reach any network afterwards.
  */
 int nsbind_set_global_context(int32_t vrf);
 

@@ -1,5 +1,5 @@
 /*
- * platmgr.h: where on the device this process runs.
+ * platmgr.h: the partition of the device that this process runs in.
  */
 #ifndef PLATFORM_PLATMGR_H
 #define PLATFORM_PLATMGR_H
@@ -10,7 +10,7 @@
 extern "C" {
 #endif
 
-/* platmgr_partition_get: number of the device partition. Its low 16 bits name the debug log. */
+/* platmgr_partition_get: return the number of the device partition. Its low 16 bits are in the debug log's name. */
 uint32_t platmgr_partition_get(void);
 
 #ifdef __cplusplus

@@ -1,6 +1,6 @@
 /*
- * spawnlet.h: the job service. It runs a function in a forked child and brings back what the child hands
- * over. The library calls these from one thread.
+ * spawnlet.h: the job service. It runs a function in a forked child and returns what the child hands back. The
+ * library calls these functions from one thread.
  */
 #ifndef PLATFORM_SPAWNLET_H
 #define PLATFORM_SPAWNLET_H
@@ -12,7 +12,7 @@
 extern "C" {
 #endif
 
-/* What runs in the child. arg is the child's own copy. The result reaches the parent as ret_syserr. */
+/* The function that runs in the child. arg is the child's own copy. The result reaches the parent as ret_syserr. */
 typedef int (*spawnlet_body_t)(void *arg);
 
 /* Options of one job, 44 bytes. */
@@ -20,7 +20,7 @@ typedef struct {
     uint32_t job_tag;     /* any value, for the service's own records */
     uint32_t record_size; /* 44 */
     uint32_t reserved_1[5];
-    int32_t timeout_secs; /* 0: as long as the service lets any job live */
+    int32_t timeout_secs; /* 0: the longest time that the service allows any job */
     uint32_t reserved_2[2];
     uint32_t option_flag; /* 1 */
 } job_options;
@@ -33,30 +33,30 @@ typedef struct {
  * ret_syserr               out: what the body returned
  * in, out, err             the child's standard streams; NULL for none
  *
- * Returns 0 when the body returned within timeout_secs, else a code for errcode2str().
+ * Returns 0 if the body returned within timeout_secs, otherwise a code for errcode2str().
  */
 uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint32_t *ret_info_size,
                           int32_t *ret_syserr, const job_options *options, FILE *in, FILE *out, FILE *err);
 
 /*
- * spawnlet_fork_fp_async: start a job. It ends in exactly one completion on the registered queue: the handle,
- * a code, and the three values above.
+ * spawnlet_fork_fp_async: start a job in the background. When it ends, exactly one completion arrives on the
+ * registered queue: the handle, a code, and the three values ret_info, ret_info_size and ret_syserr.
  *
  * one     1
- * handle  out: the job's handle. It may lie inside what arg points to
+ * handle  out: the job's handle. The variable may lie inside the object that arg points to
  *
- * Returns 0 when the job was started, else a code; then there is no completion.
+ * Returns 0 if the job was started. Otherwise returns a code, and there is no completion.
  */
 uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one, const job_options *options,
                                 FILE *in, FILE *out, FILE *err, uint32_t *handle);
 
-/* spawnlet_register_async_q: completions of this process go to this queue from now on. Returns 0 or a code. */
+/* spawnlet_register_async_q: send the completions of this process to this queue from now on. Returns 0 or a code. */
 uint32_t spawnlet_register_async_q(uint32_t queue);
 
-/* spawnlet_done: in the child, hand size bytes to the parent. Returns, 0 when they were accepted. */
+/* spawnlet_done: in the child, hand size bytes back to the parent. It returns to its caller: 0 when accepted. */
 int spawnlet_done(const void *buffer, uint32_t size);
 
-/* errcode2str: text of a code, for any value. A constant. */
+/* errcode2str: return the text of a code, for any value. The text is constant. */
 const char *errcode2str(uint32_t code);
 
 #ifdef __cplusplus

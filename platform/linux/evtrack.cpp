@@ -1,11 +1,11 @@
 /*
  * evtrack.cpp: the event history and the debug channel.
  *
- * The history is a ring in memory that forked jobs share: made once, by the first switch-on, and kept, so
- * that jobs which run at that moment lose nothing. Its writers are processes that may be killed in the middle
- * of a record, so there is nothing to lock: a writer draws a ticket, marks its slot as being written, and
- * signs it with the ticket when it is whole. The reader takes signed slots only, and looks at the signature
- * twice.
+ * The history is a ring in memory that is shared with forked jobs. It is created when recording is first switched
+ * on, and then kept, so that running jobs lose no records when recording is switched off and on again. Its writers
+ * are processes that may be killed in the middle of a record, so there is no lock: a writer takes a ticket, marks
+ * its slot as being written, and signs the slot with the ticket when the record is complete. The reader accepts
+ * signed slots only, and checks the signature before and after it copies a record.
  */
 #include "platform/evtrack.h"
 
@@ -20,7 +20,7 @@
 #include "platform/linux/linux_platform.h"
 
 struct history_slot {
-    alignas(8) uint64_t signature; /* ticket of the record inside; 0 while it is written */
+    alignas(8) uint64_t signature; /* ticket of the record in this slot; 0 while it is being written */
     uint32_t event_class;
     uint32_t length;
     int32_t pid;
@@ -32,7 +32,7 @@ struct history_ring {
     history_slot slots[LINUX_HISTORY_RECORDS];
 };
 
-/* A lock of the compiler's own would not be shared between processes. */
+/* If these operations used a lock of the compiler's runtime, processes would not share that lock. */
 static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr));
 
 static history_ring *ring;
@@ -76,7 +76,7 @@ int evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record
     return 0;
 }
 
-/* false: not this record, whether it is being written or already overwritten. */
+/* Returns false if the slot does not hold this record: it is being written, or it has been overwritten. */
 static bool copy_signed(uint64_t ticket, linux_history_record *record)
 {
     const history_slot *slot = &ring->slots[ticket % LINUX_HISTORY_RECORDS];
@@ -96,7 +96,7 @@ int linux_history_read(uint64_t *cursor, linux_history_record *record)
 {
     if (ring == nullptr)
         return 0;
-    /* Children can write here, so even the last ticket is only believed as far as the ring goes. */
+    /* Children can write any value here: the loop reads at most one ring of records, whatever the last ticket is. */
     const uint64_t last = __atomic_load_n(&ring->last_ticket, __ATOMIC_ACQUIRE);
     const uint64_t overrun = last > LINUX_HISTORY_RECORDS ? last - LINUX_HISTORY_RECORDS : 0;
     uint64_t ticket = *cursor > overrun ? *cursor : overrun;
@@ -120,8 +120,8 @@ int evtrack_chk_int(int, int, int, int)
 }
 
 /*
- * One write for one line, and none where it would have to wait or nobody would read it: a daemon must not hang on its
- * debug channel, nor end by SIGPIPE.
+ * Writes each line with one write(), or drops it if write() would block or the channel has no reader: the debug
+ * channel must not block a daemon or kill it by SIGPIPE.
  */
 int dbgemit(int, const void *modname, int, const char *format, ...)
 {
@@ -132,7 +132,7 @@ int dbgemit(int, const void *modname, int, const char *format, ...)
     va_start(args, format);
     vsnprintf(line + name, sizeof line - static_cast<size_t>(name) - 1, format, args);
     va_end(args);
-    /* Some messages end their line and some do not; on this channel each has a line of its own. */
+    /* Some messages end with a newline and some do not; on this channel each message gets its own line. */
     size_t length = strlen(line);
     if (line[length - 1] != '\n')
         line[length++] = '\n';

@@ -1,5 +1,5 @@
 /*
- * platmgr.cpp: the partition number, which on Linux the host knows best.
+ * platmgr.cpp: the partition number. On Linux the host sets it with linux_partition_set().
  */
 #include "platform/platmgr.h"
 

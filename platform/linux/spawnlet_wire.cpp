@@ -1,5 +1,5 @@
 /*
- * spawnlet_wire.cpp: exact reads and writes on the stream between a job's child and its parent.
+ * spawnlet_wire.cpp: sends and receives complete frames on the stream between a job's child and its parent.
  */
 #include "platform/linux/spawnlet_wire.h"
 
@@ -14,7 +14,7 @@ static constexpr uint64_t total_max = uint64_t{16} * LINUX_HANDBACK_MAX;
 
 using bytes_view = std::span<const unsigned char>;
 
-/* Copies what there is up to size, and counts it in *got. Returns how much it took. */
+/* Appends bytes to a field until it has size bytes, and adds them to *got. Returns the number of bytes taken. */
 static size_t fill(void *field, uint32_t size, uint32_t *got, bytes_view bytes)
 {
     const size_t missing = size - *got;
@@ -93,7 +93,7 @@ void wire_release(wire_reader *reader)
     reader->handback_size = 0;
 }
 
-/* MSG_NOSIGNAL: a parent that gave up must not look like a crash of the child. */
+/* MSG_NOSIGNAL: if the parent gave up, SIGPIPE must not kill the child, which would look like a crash. */
 static int send_all(int channel, bytes_view bytes)
 {
     while (!bytes.empty()) {

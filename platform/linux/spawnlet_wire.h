@@ -1,7 +1,7 @@
 /*
- * spawnlet_wire.h: what a job's child says to its parent, as frames on one stream: what it hands back, in any
- * number of frames of which the last counts, then the result of its body. The child is not trusted: whatever
- * bytes it writes, the reader takes them in any portions and ends in one of its states.
+ * spawnlet_wire.h: the frames that a job's child sends to its parent on one stream: any number of hand-backs, of
+ * which the last one counts, then the result of its body. The parent does not trust the child: the reader handles
+ * any bytes, in portions of any size, and reports one of the states below.
  */
 #ifndef PLATFORM_LINUX_SPAWNLET_WIRE_H
 #define PLATFORM_LINUX_SPAWNLET_WIRE_H
@@ -16,7 +16,7 @@ enum frame_kind : uint32_t {
     FRAME_RESULT = 0x544c5352,
 };
 
-/* Then size bytes. Both ends are the same program, so the byte order is its own. */
+/* size bytes of payload follow. Both ends are the same program, so the native byte order is used. */
 struct frame_header {
     uint32_t kind;
     uint32_t size;
@@ -24,41 +24,41 @@ struct frame_header {
 
 enum wire_state {
     WIRE_READING,
-    WIRE_DONE, /* the result has come */
+    WIRE_DONE, /* the result has arrived */
     WIRE_MALFORMED,
-    WIRE_TOO_LARGE, /* a frame announced more than LINUX_HANDBACK_MAX, or there was no end to them */
+    WIRE_TOO_LARGE, /* a frame announced more than LINUX_HANDBACK_MAX, or all frames together are too long */
     WIRE_NO_MEMORY,
 };
 
-/* All zero to begin with. */
+/* Initialize it with zeros. */
 struct wire_reader {
     wire_state state;
     frame_header header;
     uint32_t header_got;
     uint32_t payload_got;
-    uint64_t total_got;      /* bounded: a child that floods its parent is cut off */
-    unsigned char *handback; /* malloc()ed; NULL when none came, or none of any size */
+    uint64_t total_got;      /* limited, so that a child cannot flood its parent */
+    unsigned char *handback; /* from malloc(); NULL if no hand-back has come, or an empty one */
     uint32_t handback_size;
     int32_t result;
 };
 
-/* wire_feed: take in some bytes. Any that follow the result are ignored. Returns the state. */
+/* wire_feed: process some bytes. Bytes that follow the result are ignored. Returns the state. */
 wire_state wire_feed(wire_reader *reader, std::span<const unsigned char> bytes);
 
-/* wire_release: free the hand-back, unless somebody took it and left NULL. */
+/* wire_release: free the hand-back, unless a caller has taken it and set handback to NULL. */
 void wire_release(wire_reader *reader);
 
 /*
- * wire_send: in the child, send one frame, however long the parent takes.
+ * wire_send: in the child, send one frame. It blocks while the channel is full.
  *
- * Returns 0, or -1 with errno; the parent has then ended or given up.
+ * Returns 0; -1 with errno if the parent has ended or given up.
  */
 int wire_send(int channel, frame_kind kind, std::span<const unsigned char> payload);
 
-/* What one look at the channel brought. */
+/* Result of wire_receive(): it received bytes, there are none now, or the stream has ended or failed. */
 enum wire_input { WIRE_INPUT_BYTES, WIRE_INPUT_NONE, WIRE_INPUT_END };
 
-/* wire_receive: feed what has come, one portion at the most, without waiting. */
+/* wire_receive: receive one portion at most, without blocking, and feed it to the reader. */
 wire_input wire_receive(wire_reader *reader, int channel);
 
 #endif

@@ -1,10 +1,12 @@
 /*
- * vrf_device.cpp: a VRF that is a device of the host's own namespace. The resolver knows nothing of VRFs, so the kernel
- * acts on it through the job's control group: it binds each new socket to the device before anybody can use it, and it
- * drops each packet that would leave by an interface that does not belong to the device.
+ * vrf_device.cpp: binding to a VRF that is a device of the host's own network namespace. The system's resolver does
+ * not know about VRFs, so the kernel acts through the job's control group: it binds each new socket to the device
+ * before the process can use the socket, and it drops each packet that would leave by an interface that does not
+ * belong to the device.
  *
- * Binding alone is not enough. The kernel's first routing rule delivers to addresses of the default VRF, 127.0.0.53
- * among them, and a VRF without a route of last resort goes on to the main table, whatever a socket is bound to.
+ * Binding sockets is not enough. Even for a bound socket, the kernel's first routing rule delivers packets for
+ * addresses of the default VRF (such as 127.0.0.53) locally, and if the VRF's table has no default route, not even an
+ * unreachable one, the kernel continues with the main table.
  */
 #include <errno.h>
 #include <sys/socket.h>
@@ -26,7 +28,10 @@ static int device_of_socket(int family, int type, unsigned *index)
     return error;
 }
 
-/* A program of an ancestor group may override ours, and before Linux 5.15 none runs once net_cls is in use. */
+/*
+ * Tests new sockets, since an attached program may have no effect: a program of an ancestor group may override it,
+ * and before Linux 5.15 the kernel runs no such program once net_cls is in use.
+ */
 static int check_sockets(unsigned index)
 {
     constexpr struct {
@@ -46,7 +51,7 @@ static int check_sockets(unsigned index)
     return 0;
 }
 
-/* Joins the group last: if confining it fails, the process is not bound. */
+/* Joins the group last: if confining the group fails, the process has not joined it. */
 static int enter_group(const char *device, unsigned index, int *group)
 {
     int error = vrf_open_group(device, index, group);
@@ -60,8 +65,8 @@ static int enter_group(const char *device, unsigned index, int *group)
     return error;
 }
 
-/* While a device is being renamed, another job may take its group for that of a device that is gone, and remove it. */
-static int enter_group_that_stays(const char *device, unsigned index, int *group)
+/* While a device is renamed, another job may mistake its group for that of a deleted device, and remove it: retry. */
+static int enter_group_with_retries(const char *device, unsigned index, int *group)
 {
     int error = ENODEV;
     for (int tries = 0; tries < 3 && (error == ENODEV || error == ENOENT); tries++)
@@ -72,11 +77,14 @@ static int enter_group_that_stays(const char *device, unsigned index, int *group
 int vrf_join_device(const char *device, unsigned index)
 {
     int group;
-    int error = enter_group_that_stays(device, index, &group);
+    int error = enter_group_with_retries(device, index, &group);
     if (error != 0)
         return error;
     error = check_sockets(index);
-    /* Only the first job of a group loads this program: before Linux 5.11 each one counts against RLIMIT_MEMLOCK. */
+    /*
+     * EXDEV: new sockets are not bound to this device, as in the first job of a group. Later jobs do not load the
+     * program again, because before Linux 5.11 each loaded program counts against RLIMIT_MEMLOCK.
+     */
     if (error == EXDEV) {
         error = vrf_bind_group(group, index);
         if (error == 0)

@@ -1,7 +1,7 @@
 /*
- * vrf_files.cpp: the files that a VRF's resolver reads. In a mount namespace of its own the process sees the files in
- * /etc/netns/vrfN over those of the same name in /etc, and nothing in the folders where daemons have their sockets:
- * a caching daemon would answer for the network of the host.
+ * vrf_files.cpp: the files that the resolver of a VRF reads. The process gets its own mount namespace. In it, the
+ * files of /etc/netns/vrfN are mounted over those of the same name in /etc, and the folders where daemons keep
+ * their sockets are empty, because a caching daemon would answer for the network of the host.
  */
 #include <dirent.h>
 #include <errno.h>
@@ -20,18 +20,19 @@
 struct resolver_file {
     const char *const name;
     bool is_covered = false;
-    dev_t device = 0; /* of what was put over it */
+    dev_t device = 0; /* device and inode identify the file that was mounted over it */
     ino_t inode = 0;
 };
 
 /*
- * What decides how a name is resolved. If a VRF has one of these, it is put in place or binding fails. Of its other
- * files those that /etc lacks are left out: nothing is there that could be read in their stead.
+ * The files that decide how a name is resolved. If a VRF has one of these and it cannot be mounted, binding fails.
+ * Any other file of the VRF is skipped if /etc has no file of that name: then there is no file of the host that the
+ * resolver could read instead.
  */
 static resolver_file resolver_files[] = {{"gai.conf"},      {"host.conf"},   {"hosts"},   {"networks"},
                                          {"nsswitch.conf"}, {"resolv.conf"}, {"services"}};
 
-/* Of a file in the folder of a VRF. */
+/* Holds the path of any file in the folder of a VRF. */
 using path_text = char[sizeof LINUX_VRF_FILES + VRF_NAME_BYTES + NAME_MAX + 2];
 
 static constexpr const char *socket_folders[] = {"/run", "/var/run", "/var/lib/sss/pipes"};
@@ -46,7 +47,7 @@ static bool is_resolver_file(const char *name)
 
 static bool exists(const char *path)
 {
-    struct stat status; /* of a symbolic link itself, wherever that leads */
+    struct stat status; /* of a symbolic link itself: it exists even if its target does not */
     return lstat(path, &status) == 0 || errno != ENOENT;
 }
 
@@ -59,8 +60,8 @@ static bool is_in_place(const resolver_file *file)
            (stat(path, &status) == 0 && status.st_dev == file->device && status.st_ino == file->inode);
 }
 
-/* A detached copy of what lies at a path, to be put elsewhere; -1 with errno. */
-static int take(const char *path, struct stat *status)
+/* Returns a detached mount of what is at the path, which mount_over() attaches elsewhere; -1 with errno. */
+static int clone_mount(const char *path, struct stat *status)
 {
     const int tree = open_tree(AT_FDCWD, path, OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC);
     if (tree >= 0)
@@ -68,8 +69,8 @@ static int take(const char *path, struct stat *status)
     return tree;
 }
 
-/* A file goes over a symbolic link itself: what that leads to may be missing, or about to be hidden. */
-static bool put_over(int tree, const struct stat *status, const char *path)
+/* A file is mounted over a symbolic link itself, not over its target, which may be missing or about to be hidden. */
+static bool mount_over(int tree, const struct stat *status, const char *path)
 {
     const unsigned follow = S_ISDIR(status->st_mode) ? MOVE_MOUNT_T_SYMLINKS : 0;
     return move_mount(tree, "", AT_FDCWD, path, MOVE_MOUNT_F_EMPTY_PATH | follow) == 0;
@@ -78,13 +79,13 @@ static bool put_over(int tree, const struct stat *status, const char *path)
 static int cover(resolver_file *file, const char *own, const char *path)
 {
     struct stat status = {};
-    const int tree = take(own, &status);
+    const int tree = clone_mount(own, &status);
     if (tree < 0)
         return vrf_failed(errno, "%s", own);
-    /* Never closed: a file that is held keeps its inode number, so that no other can pass for it. */
+    /* Never closed: while a file is open its inode number is not reused, so is_in_place() accepts no other file. */
     if (!S_ISREG(status.st_mode))
         return vrf_failed(EINVAL, "%s, which is no regular file", own);
-    if (!put_over(tree, &status, path))
+    if (!mount_over(tree, &status, path))
         return vrf_failed(errno, "%s over %s", own, path);
     file->is_covered = true;
     file->device = status.st_dev;
@@ -92,8 +93,8 @@ static int cover(resolver_file *file, const char *own, const char *path)
     return is_in_place(file) ? 0 : vrf_failed(EBUSY, "%s over %s", own, path);
 }
 
-/* The host's own file, where the VRF has none, stays also if it is a link into a folder which is about to be hidden. */
-static int keep_linked(resolver_file *file, const char *path)
+/* For a file that the VRF lacks: the host's own stays readable, even if it is a link into a folder to be hidden. */
+static int keep_link_readable(resolver_file *file, const char *path)
 {
     struct stat status;
     if (lstat(path, &status) != 0 || !S_ISLNK(status.st_mode) || stat(path, &status) != 0 ||
@@ -108,21 +109,21 @@ static int cover_resolver_files(const char *folder)
         path_text own, path;
         snprintf(own, sizeof own, "%s/%s", folder, file.name);
         snprintf(path, sizeof path, "/etc/%s", file.name);
-        const int error = exists(own) ? cover(&file, own, path) : keep_linked(&file, path);
+        const int error = exists(own) ? cover(&file, own, path) : keep_link_readable(&file, path);
         if (error != 0)
             return error;
     }
     return 0;
 }
 
-/* A file that has vanished since its name was read, as the temporary ones of editors do, is left out too. */
+/* Skips a file that /etc lacks, or that was deleted after its name was read, such as an editor's temporary file. */
 static int cover_other_file(const char *own, const char *path)
 {
     struct stat status = {};
-    const int tree = take(own, &status);
+    const int tree = clone_mount(own, &status);
     if (tree < 0)
         return errno == ENOENT ? 0 : vrf_failed(errno, "%s", own);
-    const int error = put_over(tree, &status, path) || errno == ENOENT ? 0 : errno;
+    const int error = mount_over(tree, &status, path) || errno == ENOENT ? 0 : errno;
     close(tree);
     return error != 0 ? vrf_failed(error, "%s over %s", own, path) : 0;
 }
@@ -137,7 +138,10 @@ static int cover_if_other_file(const char *folder, const char *name)
     return cover_other_file(own, path);
 }
 
-/* Not by opendir(): to take its 32 KiB from a heap that is shared costs a fresh child as much as all mounts do. */
+/*
+ * Avoids opendir(), which allocates 32 KiB: a new child still shares its heap with the parent, so that allocation
+ * costs as much as all the mounts.
+ */
 static int cover_other_files(const char *folder)
 {
     const int fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -165,7 +169,7 @@ static int hide_sockets()
     for (const char *folder : socket_folders) {
         struct stat status;
         const bool is_found = stat(folder, &status) == 0;
-        if (is_found && status.st_dev == hidden) /* a link to the one before */
+        if (is_found && status.st_dev == hidden) /* a link to the previous folder */
             continue;
         if (mount("none", folder, "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0755") == 0)
             hidden = stat(folder, &status) == 0 ? status.st_dev : 0;
@@ -179,7 +183,10 @@ int vrf_enter_files(const char *vrf_name)
 {
     char folder[sizeof LINUX_VRF_FILES "/" + VRF_NAME_BYTES];
     snprintf(folder, sizeof folder, LINUX_VRF_FILES "/%s", vrf_name);
-    /* The host's own mounts and unmounts still arrive, lest a job keep a file system busy; ours stay here. */
+    /*
+     * MS_SLAVE: the host's mounts and unmounts still take effect here, so that a job does not keep a file system
+     * busy, but the mounts of a job do not take effect in the host.
+     */
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0)
         return vrf_failed(errno, "a file system view for %s", vrf_name);
     int error = cover_resolver_files(folder);
@@ -188,7 +195,7 @@ int vrf_enter_files(const char *vrf_name)
     return error != 0 ? error : hide_sockets();
 }
 
-/* A file of /etc that the host replaces, in its own view, takes what lies over it away here. */
+/* If the host replaces a file of /etc in its own mount namespace, the kernel removes what is mounted over it here. */
 bool vrf_files_are_in_place()
 {
     for (const resolver_file &file : resolver_files)

@@ -1,9 +1,11 @@
 /*
- * vrf_group.cpp: the control group of a device, <base>/vrf/<device>.<index>.<network namespace>, much as "ip vrf exec"
- * makes it. The base is the daemon's own group, so that limits and accounts of its service go on to hold for its jobs.
+ * vrf_group.cpp: the control group of a device, <base>/vrf/<device>.<index>.<network namespace>, similar to the one
+ * that "ip vrf exec" creates. The base is the daemon's own group, so the limits and accounting of its service cover
+ * its jobs.
  *
- * A group is made by the first job and stays, since jobs in it share its programs. The index is part of its name: a
- * device that is made anew gets another group. So is the namespace, whose devices count from 1 like those of any other.
+ * The first job creates the group. The group is kept, since the jobs in it share its programs. The index is part of
+ * its name, so that a device that is deleted and created again gets another group. The inode number of the network
+ * namespace is part of it too, because every network namespace numbers its devices from 1.
  */
 #include <dirent.h>
 #include <errno.h>
@@ -24,11 +26,11 @@ static constexpr size_t GROUP_BYTES = 4096;
 static constexpr char own_group_file[] = "/proc/self/cgroup";
 static constexpr char group_namespace[] = "/proc/self/ns/cgroup";
 static constexpr char network_namespace[] = "/proc/self/ns/net";
-static constexpr char unified_prefix[] = "0::"; /* of its line on the unified hierarchy */
+static constexpr char unified_prefix[] = "0::"; /* starts the line of the unified hierarchy */
 
 using group_name = char[VRF_NAME_BYTES + sizeof ".4294967295.18446744073709551615"];
 
-/* As a path below the root, which is "". */
+/* Finds the process's own group, as a path from the root of the hierarchy; the root itself is "". */
 static int find_own_group(char *group, size_t size)
 {
     FILE *lines = fopen(own_group_file, "re");
@@ -49,7 +51,7 @@ static int find_own_group(char *group, size_t size)
     return 0;
 }
 
-/* Up to, not including, the last component; "" is the root. */
+/* Shortens the path of a group to that of its parent; the root is "". */
 static void cut_last_component(char *group)
 {
     char *last = strrchr(group, '/');
@@ -57,8 +59,9 @@ static void cut_last_component(char *group)
 }
 
 /*
- * A host that "ip vrf exec" or a job of ours started sits in a group /.../vrf/NAME or below. That group's programs bind to
- * NAME, and its children could not replace them: our groups are made beside it.
+ * A host that was started by "ip vrf exec" or by one of our jobs is in a group /.../vrf/NAME or below it. The
+ * programs of that group bind sockets to NAME, and its child groups could not replace them, so our groups are
+ * created beside it.
  */
 static void cut_vrf_group(char *group)
 {
@@ -68,10 +71,10 @@ static void cut_vrf_group(char *group)
 }
 
 /*
- * The unified hierarchy as this process's namespace shows it, mounted at no place: what the machine has mounted may be
- * read-only, partial, covered or missing. The kernel takes the options of a mount that the machine's own namespace
- * creates for those of the whole hierarchy, and forgets "nsdelegate" over it, so this one is created in another; it shows
- * what the namespace that opened it sees.
+ * Opens the unified hierarchy as this process's cgroup namespace shows it, without attaching the mount to a path:
+ * the machine's own mount may be read-only, partial, covered or missing. The options of a mount that is created in
+ * the initial cgroup namespace apply to the whole hierarchy: the kernel would drop "nsdelegate". So the mount is
+ * created in another cgroup namespace; it still shows what the namespace that called fsopen() sees.
  */
 static int open_hierarchy(int *root)
 {
@@ -91,14 +94,17 @@ static int open_hierarchy(int *root)
     return *root >= 0 ? 0 : vrf_failed(error, "mounting the unified hierarchy of control groups");
 }
 
-/* Threaded groups, and those that have some, get no children that a process can join from outside. The root may. */
+/*
+ * Whether a process can join a child group of this group from outside. It cannot if the group is threaded or has
+ * threaded children. For the root it can.
+ */
 static bool takes_children(int root, const char *group)
 {
     char path[GROUP_BYTES + sizeof "/cgroup.type"], type[sizeof "domain threaded\n"];
     snprintf(path, sizeof path, "%s/cgroup.type", group + 1);
     const int fd = openat(root, path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        return true; /* what is wrong with it shows when it is opened */
+        return true; /* if something is wrong with the group, opening it will fail */
     const ssize_t length = read(fd, type, sizeof type - 1);
     close(fd);
     return length < 0 || strncmp(type, "domain\n", static_cast<size_t>(length)) == 0;
@@ -138,7 +144,10 @@ static unsigned long long own_network()
     return stat(network_namespace, &status) == 0 ? status.st_ino : 0;
 }
 
-/* Of a device of this namespace that is gone, or has another name now. Those of other namespaces are not ours to judge. */
+/*
+ * Whether the group belongs to a device of this network namespace that has been deleted or renamed. Groups of other
+ * network namespaces are never stale: their devices cannot be seen from here.
+ */
 static bool is_stale(const char *name, unsigned long long network)
 {
     char ending[sizeof ".18446744073709551615"], device[IF_NAMESIZE], *rest;
@@ -155,7 +164,7 @@ static bool is_stale(const char *name, unsigned long long network)
     return strlen(device) != length || strncmp(device, name, length) != 0;
 }
 
-/* Those with jobs in them stay. */
+/* The kernel refuses to remove groups that contain jobs. */
 static void remove_stale_groups(int parent, unsigned long long network)
 {
     const int folder = openat(parent, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);

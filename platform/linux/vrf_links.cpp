@@ -1,5 +1,5 @@
 /*
- * vrf_links.cpp: which interfaces belong to a device, asked of the kernel by netlink. /sys cannot be asked: it may show
+ * vrf_links.cpp: asks the kernel by netlink which interfaces belong to a device. /sys is not used: it may show
  * another network namespace, or not be mounted.
  */
 #include <errno.h>
@@ -18,20 +18,20 @@ struct link_request {
     struct rtattr attribute;
     uint32_t value;
 };
-static_assert(sizeof(link_request) == 40); /* no gaps */
+static_assert(sizeof(link_request) == 40); /* no padding */
 
 enum class dump { GOES_ON, ENDED };
 
-/* As large as a message of a dump may be. */
+/* As large as the largest block of messages that the kernel sends at once during a dump. */
 alignas(struct nlmsghdr) static char answer[32768];
 
-/* A series of attributes, as those of a link or those nested in one of them. */
+/* A series of attributes: those of a link, or those nested in another attribute. */
 struct attributes {
     const struct rtattr *first;
     int length;
 };
 
-/* nullptr: the series has none of this type. */
+/* Returns nullptr if the series has no attribute of this type. */
 static const struct rtattr *find(attributes series, unsigned short type)
 {
     const struct rtattr *attribute = series.first;
@@ -47,7 +47,10 @@ static attributes nested_in(const struct rtattr *attribute)
             .length = static_cast<int>(RTA_PAYLOAD(attribute))};
 }
 
-/* Ports of a bridge or a bond have a master too, but carry no addresses: sockets on the bridge reach all of them. */
+/*
+ * Ports of a bridge or a bond are not members. They have a master too, but carry no addresses: a socket that is
+ * bound to the bridge reaches all of them.
+ */
 static bool is_member(attributes series, uint32_t device)
 {
     constexpr char vrf[] = "vrf";
@@ -67,7 +70,7 @@ static int read_message(const struct nlmsghdr *message, vrf_links *links, dump *
     if (message->nlmsg_type == NLMSG_DONE)
         *progress = dump::ENDED;
     if (message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR)
-        return message->nlmsg_len >= NLMSG_LENGTH(sizeof(int)) /* which is 0, or a negative errno */
+        return message->nlmsg_len >= NLMSG_LENGTH(sizeof(int)) /* the int is 0 or a negative errno */
                    ? -*static_cast<const int *>(NLMSG_DATA(message))
                    : EBADMSG;
     if (message->nlmsg_type != RTM_NEWLINK || message->nlmsg_len < NLMSG_LENGTH(sizeof(struct ifinfomsg)))
@@ -95,7 +98,7 @@ static int read_messages(size_t size, vrf_links *links, dump *progress)
     return error;
 }
 
-/* Answers of the kernel only, and whole. */
+/* Accepts only messages that come from the kernel and were not truncated. */
 static int receive(int fd, size_t *size)
 {
     struct sockaddr_nl sender = {};
@@ -114,14 +117,14 @@ static int receive(int fd, size_t *size)
     return 0;
 }
 
-static int ask(int fd, vrf_links *links)
+static int request_links(int fd, vrf_links *links)
 {
     link_request request = {};
     request.header.nlmsg_len = sizeof request;
     request.header.nlmsg_type = RTM_GETLINK;
     request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.attribute.rta_len = RTA_LENGTH(sizeof request.value);
-    request.attribute.rta_type = IFLA_MASTER; /* a filter, which spares the kernel to tell of all others */
+    request.attribute.rta_type = IFLA_MASTER; /* a filter: the kernel need not list all other links */
     request.value = links->index[0];
     const ssize_t sent = write(fd, &request, sizeof request);
     int error = sent == sizeof request ? 0 : sent < 0 ? errno : EBADMSG;
@@ -134,7 +137,7 @@ static int ask(int fd, vrf_links *links)
     return error;
 }
 
-/* A socket for each try, so that an answer that was not read to its end is forgotten with its socket. */
+/* Each try has its own socket: closing it discards the rest of an answer that was not read to its end. */
 static int try_to_read(unsigned device, vrf_links *links)
 {
     links->count = 1;
@@ -142,7 +145,7 @@ static int try_to_read(unsigned device, vrf_links *links)
     const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     if (fd < 0)
         return errno;
-    const int error = ask(fd, links);
+    const int error = request_links(fd, links);
     close(fd);
     return error;
 }

@@ -1,6 +1,7 @@
 /*
- * vrf_nscd.cpp: the tables of the name service caching daemon. It shares them as memory: a daemon that has ever asked it
- * holds a mapping, which its children inherit, and no hidden socket is in the way of what the host's network answered.
+ * vrf_nscd.cpp: the tables of nscd, the name service caching daemon. nscd shares them as memory: a process that has
+ * asked it once keeps them mapped, and its children inherit the mapping. So hiding nscd's socket is not enough: a
+ * mapped table still has the answers of the host's network.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -14,21 +15,21 @@
 
 static constexpr char maps_file[] = "/proc/self/maps";
 
-/* The C library drops a table that has not been updated for long, as this one since 1970, and asks for a new one. */
-static bool put_empty_table_over(void *table, void *end)
+/* The zeros date the table's last update to 1970. The C library drops such an old table, and asks for a new one. */
+static bool map_empty_table_over(void *table, void *end)
 {
     const auto size = static_cast<size_t>(static_cast<char *>(end) - static_cast<char *>(table));
     return mmap(table, size, PROT_READ, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == table;
 }
 
-/* One line of what the process has mapped. */
+/* line: one line of /proc/self/maps. */
 static int forget_if_table(const char *line)
 {
     void *table, *end;
     char sharing;
     const bool is_table = strstr(line, "/nscd/") != nullptr &&
                           sscanf(line, "%p-%p %*3c%c", &table, &end, &sharing) == 3 && sharing == 's';
-    return !is_table || put_empty_table_over(table, end) ? 0 : vrf_failed(errno, "a table of nscd");
+    return !is_table || map_empty_table_over(table, end) ? 0 : vrf_failed(errno, "a table of nscd");
 }
 
 static char *end_of_line(char *line, const char *end)
@@ -36,11 +37,11 @@ static char *end_of_line(char *line, const char *end)
     return static_cast<char *>(memchr(line, '\n', static_cast<size_t>(end - line)));
 }
 
-/* By hand: a stream's buffers and lines take as long as the kernel does for the whole file. */
+/* Does not use stdio, which would take as long as the kernel needs to generate the whole file. */
 static int forget_tables(int maps)
 {
     char text[PATH_MAX + 4096];
-    size_t held = 0; /* the beginning of a line */
+    size_t held = 0; /* bytes of an incomplete line, at the start of text */
     ssize_t got;
     while ((got = read(maps, text + held, sizeof text - held)) > 0) {
         char *line = text, *newline;
@@ -53,7 +54,7 @@ static int forget_tables(int maps)
         }
         held = static_cast<size_t>(end - line);
         memmove(text, line, held);
-        if (held == sizeof text) /* longer than any line of a table is */
+        if (held == sizeof text) /* the line is too long to be that of a table */
             held = 0;
     }
     return got == 0 ? 0 : vrf_failed(errno, "%s", maps_file);

@@ -1,5 +1,5 @@
 /*
- * vrf_programs.cpp: the two programs of a device's control group, one that binds sockets and one that drops packets.
+ * vrf_programs.cpp: the two BPF programs of a device's control group: one binds sockets, the other drops packets.
  */
 #include <errno.h>
 #include <linux/bpf.h>
@@ -18,7 +18,7 @@
 using instructions = std::span<const struct bpf_insn>;
 using program_name = char[BPF_OBJ_NAME_LEN];
 
-/* Which packets may leave. Static, since the daemon's stack may be too small for it. */
+/* The program that decides which packets may leave. Static, since the daemon's stack may be too small for it. */
 static struct {
     vrf_links links;
     struct bpf_insn code[VRF_LINKS_MAX + 4];
@@ -36,8 +36,8 @@ static uint64_t address(const void *pointer)
     return reinterpret_cast<uintptr_t>(pointer);
 }
 
-/* Before Linux 5.11 programs count against a limit that daemons are given little of, and only privilege raises it. */
-static int load_within_limit(union bpf_attr *load)
+/* Before Linux 5.11 programs count against RLIMIT_MEMLOCK, which is low for daemons; raising it takes privilege. */
+static int load_with_raised_limit(union bpf_attr *load)
 {
     constexpr struct rlimit no_limit = {RLIM_INFINITY, RLIM_INFINITY};
     struct rlimit before;
@@ -61,10 +61,10 @@ static int load(enum bpf_prog_type type, enum bpf_attach_type place, instruction
     attributes.insns = address(code.data());
     attributes.license = address("");
     snprintf(attributes.prog_name, sizeof attributes.prog_name, "%s", name);
-    return load_within_limit(&attributes);
+    return load_with_raised_limit(&attributes);
 }
 
-/* Takes the place of the one that is there. */
+/* Replaces the program that is attached there, and closes program, even if attaching fails. */
 static int attach(int group, enum bpf_attach_type place, int program)
 {
     if (program < 0)
@@ -84,7 +84,7 @@ static int attach(int group, enum bpf_attach_type place, int program)
                : 0;
 }
 
-/* socket->bound_dev_if = device; return 1. */
+/* The program: socket->bound_dev_if = device; return 1 (allow). */
 int vrf_bind_group(int group, unsigned device)
 {
     constexpr int16_t bound_dev_if = offsetof(struct bpf_sock, bound_dev_if);
@@ -99,7 +99,7 @@ int vrf_bind_group(int group, unsigned device)
                   load(BPF_PROG_TYPE_CGROUP_SOCK, BPF_CGROUP_INET_SOCK_CREATE, code, "dnscache_bind"));
 }
 
-/* if (packet->ifindex is none of the links) return 0; return 1. */
+/* The program: if (packet->ifindex is not among the links) return 0 (drop); return 1 (allow). */
 static void build_egress()
 {
     constexpr int16_t ifindex = offsetof(struct __sk_buff, ifindex);
@@ -116,7 +116,7 @@ static void build_egress()
     egress.length = static_cast<size_t>(next - egress.code);
 }
 
-/* A hash of the code, members included: a program of this name is this program. */
+/* The name is a hash of the code, which includes the members: a program that has this name is this very program. */
 static void name_egress()
 {
     uint64_t hash = 0xcbf29ce484222325; /* FNV-1a */
@@ -125,14 +125,14 @@ static void name_egress()
     snprintf(egress.name, sizeof egress.name, "%015llx", static_cast<unsigned long long>(hash >> 4));
 }
 
-static int has_name(uint32_t id, const char *name, bool *is_it)
+static int has_name(uint32_t id, const char *name, bool *matches)
 {
     union bpf_attr attributes;
     memset(&attributes, 0, sizeof attributes);
     attributes.prog_id = id;
     const int program = bpf(BPF_PROG_GET_FD_BY_ID, &attributes);
     if (program < 0)
-        return errno == ENOENT ? 0 : errno; /* replaced meanwhile */
+        return errno == ENOENT ? 0 : errno; /* ENOENT: replaced meanwhile */
     struct bpf_prog_info info;
     memset(&info, 0, sizeof info);
     memset(&attributes, 0, sizeof attributes);
@@ -141,11 +141,11 @@ static int has_name(uint32_t id, const char *name, bool *is_it)
     attributes.info.info = address(&info);
     const int error = bpf(BPF_OBJ_GET_INFO_BY_FD, &attributes) == 0 ? 0 : errno;
     close(program);
-    *is_it = error == 0 && strncmp(info.name, name, sizeof info.name) == 0;
+    *matches = error == 0 && strncmp(info.name, name, sizeof info.name) == 0;
     return error;
 }
 
-/* Looks for the program among all that the kernel runs for the group, those of ancestor groups included. */
+/* Searches all programs that the kernel runs for the group, including those of its ancestor groups. */
 static int find_egress(int group, bool *is_in_effect)
 {
     uint32_t ids[256] = {};
@@ -164,9 +164,9 @@ static int find_egress(int group, bool *is_in_effect)
 }
 
 /*
- * A program cannot tell a member from another interface, so it is replaced when members have changed, for the jobs that
- * run too. It is looked at again once it is in place: members may have changed meanwhile, or another job of
- * this group may have replaced it by what was right a moment before.
+ * A program cannot find out which interfaces are members, so it is replaced when members have changed, also for the
+ * jobs that are running. Each new program is checked again after it has been attached: members may have changed
+ * meanwhile, or another job of this group may have replaced the program by one for the members of a moment before.
  */
 int vrf_confine_group(int group, unsigned device)
 {

@@ -18,7 +18,7 @@ struct handback {
 
 struct background_job {
     memory_job job;
-    int32_t timeout_secs; /* the options need not outlive the start */
+    int32_t timeout_secs; /* copied, since the options need not outlive the start */
     uint32_t handle;
 };
 
@@ -26,7 +26,7 @@ static background_job pending[MEMORY_JOBS_MAX]; /* oldest first */
 static size_t pending_count;
 static uint32_t created_queues, registered_queue;
 static handback blocking_handback, background_handback;
-static handback *open_handback; /* of the body that is running */
+static handback *open_handback; /* of the running body; NULL when none is running */
 
 void memory_reset(void)
 {
@@ -52,7 +52,7 @@ static bool is_acceptable(const memory_job *job)
            job->options->record_size == sizeof *job->options && job->options->timeout_secs >= 0;
 }
 
-/* A hook has the first word: it may stand for what a job service would refuse. */
+/* Asks the hook first: it may give an outcome even to a job that is not acceptable. */
 static uint32_t admit(memory_job *job)
 {
     const uint32_t code = memory.on_start != nullptr ? memory.on_start(job) : 0;
@@ -61,7 +61,7 @@ static uint32_t admit(memory_job *job)
     return is_acceptable(job) ? MEMORY_JOB_OK : MEMORY_JOB_BAD_ARGUMENT;
 }
 
-/* A body finds and leaves what a child would: no VRF, and a connection that is nobody else's. */
+/* Imitates a child: the body starts without a VRF and without a connection, and what it changes ends with it. */
 static int32_t run_body(const memory_job *job, handback *kept)
 {
     const int connected = memory.connected;
@@ -74,7 +74,7 @@ static int32_t run_body(const memory_job *job, handback *kept)
     return result;
 }
 
-/* 0, which is none, for a job whose outcome a hook has said without looking at its options. */
+/* options is NULL only if a hook gave an outcome to a job without options. Then there is no time-out, which is 0. */
 static int32_t time_out_of(const job_options *options)
 {
     return options != nullptr ? options->timeout_secs : 0;

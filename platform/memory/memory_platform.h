@@ -1,11 +1,12 @@
 /*
- * memory_platform.h: a platform layer without processes: what tests of the library and of its hosts link, and the least
- * that a port has to write. A job runs in the calling process, one in the background when its completion is taken. How
- * long jobs take and what becomes of them is said in `memory`, so the same calls have the same results each time. C11
- * and C++20.
+ * memory_platform.h: a platform layer without processes. Tests of the library and of its hosts link it, and it is
+ * an example of the least that a port has to implement. A job runs in the calling process; a background job runs
+ * when its completion is taken. `memory` decides how long jobs take and how they end, so the same calls always have
+ * the same results. C11 and C++20.
  *
- * What it cannot do without processes: a body that crashes or waits does so to the host, text goes to the host's own
- * streams, and a VRF is a number that getaddrinfo() does not know of. Bring a getaddrinfo() of your own to script answers.
+ * Limits, since there are no processes: a body that crashes or blocks does so in the host, a body prints to the
+ * host's own streams, and a VRF is a number that getaddrinfo() does not know. To script answers, link your own
+ * getaddrinfo().
  */
 #ifndef PLATFORM_MEMORY_MEMORY_PLATFORM_H
 #define PLATFORM_MEMORY_MEMORY_PLATFORM_H
@@ -30,9 +31,9 @@ enum {
     MEMORY_JOB_BAD_ARGUMENT = 3,
 };
 
-/* What a job came to. */
+/* The result of a job, which is of one of two kinds: blocking or background. */
 typedef struct {
-    uint32_t handle; /* 0 of a job that was waited for */
+    uint32_t handle; /* 0 for a blocking job */
     uint32_t syserr; /* MEMORY_JOB_... */
     void *ret_info;  /* what the body handed back, or NULL; valid until the next job of the same kind */
     uint32_t ret_info_size;
@@ -46,48 +47,48 @@ typedef struct {
     void *arg; /* not copied: must live until the completion */
     const job_options *options;
     FILE *in, *out, *err;
-    /* NULL; a hook may set it: the job comes to this, which must live as long, and no body runs */
+    /* NULL. If a hook sets it, no body runs, and this is the job's result; it must live until the job ends. */
     const memory_completion *outcome;
 } memory_job;
 
-/* Everything that can be said and seen. */
+/* Everything that a test can set and read. */
 typedef struct {
-    /* said; all zero at start */
-    /* What a job takes that ends now: with a shorter time-out it has timed out, and no body runs. */
+    /* set by the test; all zero at start */
+    /* How long each job takes that ends from now on. If that exceeds its time-out, it times out and no body runs. */
     int32_t job_seconds;
-    int jobs_never_end;     /* background jobs get a handle, and nothing else comes of them */
-    uint32_t next_handle;   /* of the next background job; 0 is passed over */
-    uint32_t register_code; /* of spawnlet_register_async_q() */
-    int32_t vrfs;           /* VRF 0 and so many more can be bound to */
-    int rtctx_fails;        /* no connection to the routing context */
+    int jobs_never_end;     /* background jobs get a handle, but never run and never complete */
+    uint32_t next_handle;   /* handle of the next background job; 0 is skipped */
+    uint32_t register_code; /* result of spawnlet_register_async_q() */
+    int32_t vrfs;           /* the highest VRF that a job can be bound to */
+    int rtctx_fails;        /* rtctx_api_init() fails */
     uint32_t partition;
-    uint32_t history_class, history_subtype; /* that the event history records; 0: none */
-    int debug_flag;                          /* that is on; 0: none */
+    uint32_t history_class, history_subtype; /* what the event history records; class 0: nothing */
+    int debug_flag;                          /* the one debug flag that is on; 0: none */
 
-    /* hooks, each NULL or called for what its name says; the trace's return what that call returns */
-    uint32_t (*on_start)(memory_job *job); /* nonzero: the job is refused with this code */
-    void (*on_call)(const char *text);     /* a call of any other service but the trace's */
+    /* hooks, NULL for none; evtrack_hist_event() returns the result of on_history(), dbgemit() that of on_debug() */
+    uint32_t (*on_start)(memory_job *job); /* a job is about to start; nonzero: refuse it with this code */
+    void (*on_call)(const char *text);     /* each call of rtctx, nsbind, spawnlet_done or registration */
     int (*on_history)(uint32_t event_class, uint32_t length, const void *record);
-    int (*on_debug)(const char *text, size_t length); /* terminated, at most 4095; may hold zeros */
+    int (*on_debug)(const char *text, size_t length); /* NUL-terminated, at most 4095; may contain NULs */
 
-    /* seen */
-    int connected; /* to the routing context */
-    int bound;     /* the running body, to vrf; not so after a binding that failed */
+    /* read by the test */
+    int connected; /* to the routing-context service */
+    int bound;     /* the running body is bound to vrf; 0 after a binding that failed */
     int32_t vrf;
 } memory_world;
 
 extern memory_world memory;
 
-/* memory_reset: everything as it was at start; jobs in the background are forgotten. */
+/* memory_reset: restore the state at start, and drop all background jobs. */
 void memory_reset(void);
 
-/* memory_queue_create: a queue, for spawnlet_register_async_q(). Never 0. */
+/* memory_queue_create: create a queue for spawnlet_register_async_q(). Never returns 0. */
 uint32_t memory_queue_create(void);
 
 /*
  * memory_queue_next: run the oldest background job, and fill *completion.
  *
- * Returns 1; 0 when there is no job; -1 when this is not the registered queue, or a body is running.
+ * Returns 1; 0 if there is no job; -1 if this is not the registered queue, or a body is running.
  */
 int memory_queue_next(uint32_t queue, memory_completion *completion);
 
