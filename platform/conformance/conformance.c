@@ -1,8 +1,9 @@
 /*
- * conformance.c: does a platform layer keep the contract that the library counts on? Each check runs in a process of its
- * own, so that one that crashes or waits for ever is one that is broken. The output is TAP: "ok" or "not ok" a check.
+ * conformance.c: tests whether a platform layer keeps the contract that the library relies on. Each check runs in
+ * its own process, so a check that crashes or hangs counts as broken. The output is TAP: one line, "ok" or "not
+ * ok", per check.
  *
- *     conformance_PORT [TEXT]      all checks, or those whose line has this text. Exit status 1: one is broken
+ *     conformance_PORT [TEXT]      run all checks, or those whose line has TEXT. Exit status 1: a check is broken
  */
 #define _GNU_SOURCE
 #include "platform/conformance/conformance.h"
@@ -27,18 +28,18 @@
 #include "platform/rtctx.h"
 #include "platform/spawnlet.h"
 
-#define REQUEST_SIZE 564 /* what the library's jobs get */
-#define RECORD_SIZE 1676 /* and hand back */
-#define JOBS_AT_ONCE 10  /* in the background, for one host */
-#define LATE_MS 5000     /* a time-out of 1 s is not kept if it takes as long as this */
+#define REQUEST_SIZE 564 /* bytes of the argument that the library's jobs get */
+#define RECORD_SIZE 1676 /* bytes of the record that they hand back */
+#define JOBS_AT_ONCE 10  /* background jobs that the library runs at a time */
+#define LATE_MS 5000     /* a job with a time-out of 1 s must end before this */
 #ifndef CHECK_SECONDS
-#define CHECK_SECONDS 20 /* after which a check counts as hanging */
+#define CHECK_SECONDS 20 /* a check that takes longer counts as hanging */
 #endif
 #ifndef SOON_MS
-#define SOON_MS 15000 /* what any event takes at most, on a busy machine */
+#define SOON_MS 15000 /* the longest time that an expected event takes on a busy machine */
 #endif
 
-/* How a check's process ends, unless a platform makes it end in another way. */
+/* Exit status of a check's process, unless the platform ends the process in another way. */
 enum { BROKEN = 81, KEPT, SKIPPED };
 
 static int is_broken;
@@ -53,14 +54,14 @@ static void expect(int holds, const char *condition, int line)
     is_broken = 1;
 }
 
-/* Bodies. What they do to the host's memory they do to a child's copy of it, unless it is shared. */
+/* Bodies. In a child they change a copy of the host's memory, except for shared memory. */
 
 typedef struct {
     uint32_t size;  /* to hand back */
     int32_t result; /* to return */
 } task;
 
-#define OTHER 77 /* a result that comes with another record */
+#define OTHER 77 /* a task with this result hands back a different record */
 
 static unsigned char pattern(size_t i)
 {
@@ -75,7 +76,7 @@ static int is_pattern(const void *bytes, size_t size)
     return 1;
 }
 
-/* The buffer is written over once it has been handed back: what counts is what was in it. */
+/* Overwrites the buffer after it has been handed back: the platform must have copied or sent the bytes by then. */
 static int do_task(void *arg)
 {
     const task *t = arg;
@@ -132,8 +133,8 @@ static int show_pid_and_wait(void *pid)
     return wait_for_ever(NULL);
 }
 
-/* A process of its own goes on after it, with all that a child has open. */
-static int leave_somebody_behind(void *flag)
+/* Leaves a process behind that keeps every descriptor of the child open until the flag is set. */
+static int leave_process_behind(void *flag)
 {
     if (fork() == 0) {
         while (*(volatile int *)flag == 0)
@@ -213,7 +214,7 @@ static int read_letter(void *unused)
     return read(0, &letter, 1) == 1 ? letter : 0;
 }
 
-/* Running them */
+/* Running the bodies */
 
 typedef struct {
     uint32_t code;
@@ -286,7 +287,7 @@ static void do_nothing_job(void)
     EXPECT(run(do_task, &nothing).code == 0);
 }
 
-/* Longer than it may: a child waits, and a job that is none is said to. */
+/* Returns a body that exceeds its time-out: it waits for ever, or the port pretends that each job takes 60 s. */
 static spawnlet_body_t too_long(void)
 {
     if (the_port.jobs_take == NULL)
@@ -309,7 +310,7 @@ static int open_descriptors(void)
 static int children(void)
 {
     int count = 0, character;
-    FILE *list = fopen("/proc/thread-self/children", "re"); /* each is a number and a blank */
+    FILE *list = fopen("/proc/thread-self/children", "re"); /* a number and a blank for each child */
     while (list != NULL && (character = fgetc(list)) != EOF)
         count += character == ' ';
     if (list != NULL)
@@ -324,7 +325,7 @@ static long now_ms(void)
     return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-/* Whether a process is gone, or soon will be; nobody may have collected it. */
+/* Waits until a process has ended, for at most SOON_MS. A process that has not been reaped yet counts as ended. */
 static int process_ends(int pid)
 {
     char path[64];
@@ -336,7 +337,7 @@ static int process_ends(int pid)
             return 1;
         const char *name_end = fgets(line, sizeof line, stat) != NULL ? strrchr(line, ')') : NULL;
         fclose(stat);
-        if (name_end != NULL && strchr("ZX", name_end[2]) != NULL) /* its state: dead, if not collected */
+        if (name_end != NULL && strchr("ZX", name_end[2]) != NULL) /* its state: dead, but not reaped */
             return 1;
         usleep(10000);
     }
@@ -352,7 +353,7 @@ static void collect_all(int number)
     errno = error;
 }
 
-/* Jobs that are waited for */
+/* Blocking jobs */
 
 static void result_comes_back(void)
 {
@@ -380,7 +381,7 @@ static void nothing_comes_back(void)
     EXPECT(o.code == 0 && o.size == 0);
 }
 
-static void one_record_is_not_the_next_ones(void)
+static void record_is_not_delivered_again(void)
 {
     task full = {RECORD_SIZE, 0}, empty = {0, 0};
     run(do_task, &full);
@@ -405,7 +406,7 @@ static void argument_is_seen(void)
     EXPECT(run(find_pattern, request).result == 1);
 }
 
-static void no_time_out_is_no_time_out(void)
+static void zero_means_no_time_out(void)
 {
     task t = {0, 4};
     const outcome o = run_on(do_task, &t, 0, NULL, NULL);
@@ -469,10 +470,10 @@ static void child_ends_with_its_host(void)
     EXPECT(*pid != 0 && process_ends(*pid));
 }
 
-static void result_is_not_waited_for_in_vain(void)
+static void result_comes_before_end_of_stream(void)
 {
     int *flag = shared_flag();
-    const outcome o = run(leave_somebody_behind, flag);
+    const outcome o = run(leave_process_behind, flag);
     EXPECT(o.code == 0 && o.result == 9);
     *flag = 1;
 }
@@ -493,7 +494,7 @@ static void record_without_result_is_a_code(void)
     EXPECT(run(hand_back_and_leave, &t).code != 0);
 }
 
-static void next_job_is_as_good(void)
+static void next_job_works(void)
 {
     run(kill_itself, NULL);
     run_on(wait_for_ever, NULL, 1, NULL, NULL);
@@ -526,7 +527,7 @@ static void childs_signals_are_its_own(void)
     EXPECT(next(queue).ret_syserr == 0);
 }
 
-/* The library in a child goes on writing to the log that it has opened in the host. */
+/* In a child, the library continues to write to the log that it opened in the host. */
 static void log_stays_open(void)
 {
     char waited_for[] = "one ", background[] = "two ", text[20] = "";
@@ -661,7 +662,10 @@ static void other_children_are_left_alone(void)
     kill(slow, SIGKILL);
 }
 
-/* A service may clear up after the last job during its next call, and have a connection of its own from the first on. */
+/*
+ * A service may keep the last job's descriptor and child until its next call. It may also keep a connection of its
+ * own open from its first job on, so descriptors are counted only after that.
+ */
 static void nothing_is_left_behind(void)
 {
     task t = {RECORD_SIZE, 0};
@@ -690,7 +694,7 @@ static void hosts_pipes_are_its_own(void)
     const uint32_t queue = the_queue();
     start(wait_for_flag, flag, 0);
     close(ends[1]);
-    EXPECT(read(ends[0], &byte, 1) == 0); /* for ever, if the child has the other end */
+    EXPECT(read(ends[0], &byte, 1) == 0); /* blocks for ever if the child has inherited the other end */
     *flag = 1;
     next(queue);
 }
@@ -750,7 +754,7 @@ static void as_many_as_the_library_starts(void)
         tasks[i] = (task){RECORD_SIZE, i};
         handles[i] = start(do_task, &tasks[i], 0);
     }
-    do_nothing_job(); /* and one that is waited for */
+    do_nothing_job(); /* a blocking job runs beside them */
     for (int i = 0; i < JOBS_AT_ONCE; i++) {
         const conformance_completion done = next(queue);
         for (int j = 0; j < JOBS_AT_ONCE; j++)
@@ -789,7 +793,7 @@ static void killed_is_a_completion(void)
     EXPECT(is_empty(queue));
 }
 
-/* The library would keep it. */
+/* If a failed job brought a record, the library would store it. */
 static void failed_job_has_no_record(void)
 {
     task t = {RECORD_SIZE, 0};
@@ -838,7 +842,7 @@ static void every_code_has_a_text(void)
     for (uint32_t code = 0; code < 0x1000; code++)
         EXPECT(errcode2str(code) != NULL && errcode2str(code)[0] != '\0');
     EXPECT(errcode2str(UINT32_MAX) != NULL && errcode2str(UINT32_MAX)[0] != '\0');
-    EXPECT(text != NULL && strcmp(text, copy) == 0); /* texts do not lie over each other */
+    EXPECT(text != NULL && strcmp(text, copy) == 0); /* later calls do not overwrite the text of an earlier one */
 }
 
 static void routing_context_opens_and_closes(void)
@@ -866,7 +870,7 @@ static void missing_vrf_does_not_bind(void)
     int32_t *const missing[] = {&no_vrf, &negative_vrf};
     for (int i = 0; i < 2; i++) {
         const outcome o = run(bind_to, missing[i]);
-        EXPECT(o.code != 0 || o.result == 1); /* a child that cannot be bound may be ended */
+        EXPECT(o.code != 0 || o.result == 1); /* the platform may end a child that cannot be bound */
     }
 }
 
@@ -876,7 +880,7 @@ static void unbound_reaches_nothing(void)
         _exit(SKIPPED);
     const outcome o = run(reach_after_binding_to, &no_vrf);
     EXPECT(o.code != 0 || o.result == 0);
-    EXPECT(run(reach_after_binding_to, &host_vrf).result == 1); /* or the check would say nothing */
+    EXPECT(run(reach_after_binding_to, &host_vrf).result == 1); /* otherwise the check proves nothing */
 }
 
 static void binding_stays_in_its_job(void)
@@ -920,7 +924,7 @@ static void trace_never_waits(void)
     dup2(standard_error, 2);
 }
 
-/* All of them */
+/* The list of checks */
 
 static const struct {
     const char *text;
@@ -930,20 +934,20 @@ static const struct {
     {"what a body returns comes back", result_comes_back, 0},
     {"what it hands back comes back, byte for byte", record_comes_back, 0},
     {"a body that hands nothing back leaves a size of 0", nothing_comes_back, 0},
-    {"what one body handed back is not the next one's", one_record_is_not_the_next_ones, 0},
+    {"what one body handed back is not the next one's", record_is_not_delivered_again, 0},
     {"the buffer outlives jobs in the background", buffer_outlives_background_jobs, 0},
     {"a body sees its argument", argument_is_seen, 0},
-    {"a time-out of 0 is none at once", no_time_out_is_no_time_out, 0},
+    {"a time-out of 0 is none at once", zero_means_no_time_out, 0},
     {"a body that takes too long is a code, in time", too_long_is_a_code, 0},
     {"signals do not make it take longer", signals_do_not_prolong_it, 0},
     {"a body that takes less time than it may is not cut short", enough_time_is_enough, 0},
     {"a child ends at its time-out", child_ends_at_its_time_out, 1},
     {"a child ends with its host", child_ends_with_its_host, 1},
-    {"a result is not kept waiting by who stays behind", result_is_not_waited_for_in_vain, 1},
+    {"a result is not kept waiting by who stays behind", result_comes_before_end_of_stream, 1},
     {"a child that is killed is a code", killed_is_a_code, 1},
     {"a child that leaves without a result is a code", no_result_is_a_code, 1},
     {"also when it has handed something back", record_without_result_is_a_code, 1},
-    {"the job after a failed one is as good as any", next_job_is_as_good, 1},
+    {"the job after a failed one is as good as any", next_job_works, 1},
     {"a body runs in a child of the host", child_is_the_hosts, 1},
     {"a body does not change the host's memory", memory_is_the_hosts, 1},
     {"a child runs none of the host's exit handlers", exit_handlers_are_the_hosts, 1},
@@ -983,7 +987,7 @@ static const struct {
 
 #define CHECKS (sizeof checks / sizeof checks[0])
 
-/* Its time is taken here: a platform could stop a timer of the check's. */
+/* Measures the time here, in the parent: a platform could stop a timer in the check's process. */
 static int wait_for_check(pid_t process)
 {
     int status = 0;
@@ -1014,12 +1018,12 @@ static int result_of(void (*check)(void))
     }
     setpgid(process, process);
     const int result = wait_for_check(process);
-    kill(-process, SIGKILL); /* what it has left */
+    kill(-process, SIGKILL); /* processes that the check has left behind */
     return result;
 }
 
-/* Whatever the shell had: checks start with standard streams and the default of signals. */
-static void settle(void)
+/* Opens the standard streams and resets signals to their defaults, so that checks do not depend on the shell. */
+static void reset_process_state(void)
 {
     sigset_t none;
     sigemptyset(&none);
@@ -1035,7 +1039,7 @@ static void settle(void)
 int main(int argc, char **argv)
 {
     int all = 0, kept = 0, skipped = 0;
-    settle();
+    reset_process_state();
     for (size_t i = 0; i < CHECKS; i++) {
         if (argc > 1 && strstr(checks[i].text, argv[1]) == NULL)
             continue;

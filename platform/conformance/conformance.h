@@ -1,6 +1,7 @@
 /*
- * conformance.h: what a port brings to the conformance test: a name, a way to take completions, and what its jobs are.
- * linux.c and memory.c are two such ports. Link one with conformance.c and the platform layer, and run it.
+ * conformance.h: what a port provides for the conformance test: a name, a function that takes completions, and
+ * whether its jobs are processes. linux.c and memory.c are two such ports. Link one with conformance.c and the
+ * platform layer, and run the program.
  */
 #ifndef PLATFORM_CONFORMANCE_CONFORMANCE_H
 #define PLATFORM_CONFORMANCE_CONFORMANCE_H
@@ -18,18 +19,18 @@ typedef struct {
 
 typedef struct {
     const char *name;
-    int jobs_are_processes; /* 0: what only a child can keep apart from its host is not checked */
+    int jobs_are_processes; /* 0: skip the checks that only a job in a child process can pass */
 
-    /* make the process's completion queue, for spawnlet_register_async_q() */
+    /* create the process's completion queue, for spawnlet_register_async_q() */
     uint32_t (*queue_create)(void);
 
-    /* take the next completion, waiting for at most timeout_ms. 1 with *done, 0 without */
+    /* take the next completion, and wait for it for at most timeout_ms. Return 1 with *done filled; 0 if none came */
     int (*queue_next)(uint32_t queue, conformance_completion *done, int timeout_ms);
 
-    /* switch every sink of the trace on */
+    /* switch on every sink of the trace */
     void (*trace_on)(void);
 
-    /* jobs that are no processes cannot be kept waiting: let each take so long from now on. Else NULL */
+    /* NULL if jobs are processes. Otherwise, instead of waiting, pretend that each job takes this long from now on */
     void (*jobs_take)(int seconds);
 } conformance_port;
 

@@ -1,7 +1,7 @@
 #include "platform/conformance/conformance.h"
 #include "platform/memory/memory_platform.h"
 
-/* What is in the queue is there at once. */
+/* Never waits: either a completion is available at once, or none will come. */
 static int queue_next(uint32_t queue, conformance_completion *done, int timeout_ms)
 {
     memory_completion completion;
