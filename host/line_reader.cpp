@@ -1,6 +1,6 @@
 /*
- * line_reader.cpp: bounded lines and their fields. Needs nothing of the rest of the program, so that it can
- * be fed with anything.
+ * line_reader.cpp: reads lines of limited length and splits them into fields. It does not depend on the rest of
+ * the program, so that tests can feed it any input.
  */
 #include "host/line_reader.h"
 
@@ -26,7 +26,7 @@ enum line_status read_line(FILE *in, char *line, size_t size)
             status = LINE_HAS_NUL;
     }
     line[length] = '\0';
-    /* Half a line before a read error would name another host. */
+    /* A line that a read error cuts off could name another host: do not return it. */
     return byte == EOF && ferror(in) ? LINE_UNREADABLE : status;
 }
 

@@ -1,5 +1,5 @@
 /*
- * options.cpp: the command line. Numbers are taken as text and read here: GOption would take 010 for 8.
+ * options.cpp: the command line. Numbers are taken as strings and parsed here: GOption would read 010 as octal 8.
  */
 #include "host/options.h"
 
@@ -11,22 +11,21 @@
 #include "platform/linux/linux_platform.h"
 
 static constexpr char SUMMARY[] =
-    "Resolves host names through the resolver cache, one child process a lookup, and prints one line an "
-    "address.\n"
-    "Without HOST the requests come from standard input, one a line: HOST [PORT [VRF]]. A # starts a "
-    "comment;\n"
-    "PORT and VRF default to the values of --service and --vrf.";
+    "Looks up host names through the resolver cache, and prints one line per address. Each lookup that the\n"
+    "cache cannot answer runs in its own child process.\n"
+    "Without HOST, requests are read from standard input, one per line: HOST [PORT [VRF]]. A # starts a\n"
+    "comment; PORT and VRF default to the values of --service and --vrf.";
 
 static constexpr char DESCRIPTION[] =
-    "A lookup that takes longer than the time-out goes on in the background for 300 seconds at most.\n"
+    "A lookup that takes longer than the time-out continues in the background, for at most 300 seconds.\n"
     "\n"
     "Exit status, the largest that applies:\n"
-    "  0  all names resolved\n"
+    "  0  all names were resolved\n"
     "  1  usage error\n"
-    "  2  a name did not resolve, or is no name\n"
-    "  3  a lookup is still to be tried again\n"
-    "  4  anything else\n"
-    "  5  a VRF that is not there, or cannot be used by this user\n";
+    "  2  a name could not be resolved, or is not valid\n"
+    "  3  a lookup has no result yet; try again later\n"
+    "  4  any other error\n"
+    "  5  a VRF does not exist, or this user cannot use it\n";
 
 struct option_texts {
     char *service;
@@ -90,17 +89,19 @@ bool parse_options(int argc, char **argv, struct lookup_options *options)
     options->lifetime_secs = -1;
     options->times = 1;
     const GOptionEntry entries[] = {
-        {"service", 's', 0, G_OPTION_ARG_STRING, &texts.service, "Port to ask for (0)", "PORT"},
-        {"vrf", 'V', 0, G_OPTION_ARG_STRING, &texts.vrf, "VRF to resolve in (0)", "VRF"},
-        {"timeout", 't', 0, G_OPTION_ARG_STRING, &texts.timeout, "Wait at most 1 to 300 seconds (3)",
+        {"service", 's', 0, G_OPTION_ARG_STRING, &texts.service, "Port of the lookup (0)", "PORT"},
+        {"vrf", 'V', 0, G_OPTION_ARG_STRING, &texts.vrf, "Resolve names in this VRF (0)", "VRF"},
+        {"timeout", 't', 0, G_OPTION_ARG_STRING, &texts.timeout, "Wait for at most SECONDS, 1 to 300 (3)",
          "SECONDS"},
-        {"lifetime", 'l', 0, G_OPTION_ARG_STRING, &texts.lifetime, "Keep answers this long (60)", "SECONDS"},
-        {"times", 'n', 0, G_OPTION_ARG_STRING, &texts.times, "Look each name up so often (1)", "TIMES"},
+        {"lifetime", 'l', 0, G_OPTION_ARG_STRING, &texts.lifetime, "Keep answers for SECONDS (60)",
+         "SECONDS"},
+        {"times", 'n', 0, G_OPTION_ARG_STRING, &texts.times, "Look up each name TIMES times (1)", "TIMES"},
         {"no-wait", 0, 0, G_OPTION_ARG_NONE, &options->no_wait, "Do not wait for background jobs", nullptr},
-        {"json", 'j', 0, G_OPTION_ARG_NONE, &options->json, "Print one JSON object a lookup", nullptr},
-        {"verbose", 'v', 0, G_OPTION_ARG_NONE, &options->verbose, "Trace to standard error", nullptr},
+        {"json", 'j', 0, G_OPTION_ARG_NONE, &options->json, "Print one JSON object per lookup", nullptr},
+        {"verbose", 'v', 0, G_OPTION_ARG_NONE, &options->verbose, "Print the trace to standard error",
+         nullptr},
         {"vrfs", 0, 0, G_OPTION_ARG_NONE, &options->vrfs,
-         "List the VRFs, their kind and their resolver files", nullptr},
+         "List the VRFs, their kinds and their resolver files", nullptr},
         {"version", 0, 0, G_OPTION_ARG_NONE, &options->version, "Print the version", nullptr},
         {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->hosts, nullptr, "[HOST...]"},
         {},

@@ -10,8 +10,8 @@
 struct lookup_options {
     const char *service;
     int32_t vrf;
-    int32_t timeout_secs;  /* 0: the library's own */
-    int32_t lifetime_secs; /* -1: the library's own */
+    int32_t timeout_secs;  /* 0: the library's default */
+    int32_t lifetime_secs; /* -1: the library's default */
     int32_t times;
     gboolean no_wait;
     gboolean json;
@@ -22,11 +22,11 @@ struct lookup_options {
 };
 
 /*
- * parse_options: read the command line. Ends the program itself after --help.
+ * parse_options: read the command line. With --help it prints the help and exits.
  *
- * options  lives as long as the program: its text is never released
+ * options  out; its strings are valid until the program ends, and are never freed
  *
- * Returns false after a usage error, which is then on standard error.
+ * Returns false after a usage error, which it has printed to standard error.
  */
 bool parse_options(int argc, char **argv, struct lookup_options *options);
 

@@ -1,6 +1,6 @@
 /*
- * output.cpp: how answers look. Requests have been checked and print as they are; canonical names come from
- * the network and never do.
+ * output.cpp: formats answers. Requests have been checked and are printed as they are; canonical names come from the
+ * network and are always escaped.
  */
 #include "host/output.h"
 
@@ -30,7 +30,7 @@ char *printable_name(const char *name)
     return g_strconcat(shown, "...", nullptr);
 }
 
-/* The scope stays a number: the interfaces of another VRF are not those of this process. */
+/* The scope is printed as a number: it may be an interface of another VRF, which this process cannot name. */
 static void format_ipv6(const struct sockaddr_in6 *ip, struct address_text *out)
 {
     char host[INET6_ADDRSTRLEN];

@@ -1,5 +1,5 @@
 /*
- * streams.cpp: the standard descriptors at start-up.
+ * streams.cpp: opens and redirects the standard descriptors at start-up.
  */
 #include "host/streams.h"
 
@@ -10,7 +10,7 @@ bool occupy_standard_descriptors(bool *has_output)
 {
     *has_output = fcntl(STDOUT_FILENO, F_GETFD) >= 0;
     int fd;
-    /* Write-only: reading a standard input that was closed stays an error. */
+    /* Write-only, so that reading from a standard input that was closed still fails. */
     do
         fd = open("/dev/null", O_WRONLY);
     while (fd >= 0 && fd <= STDERR_FILENO);
