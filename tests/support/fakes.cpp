@@ -16,7 +16,7 @@ static void note(const std::string &line)
     fake.log.push_back(line);
 }
 
-/* A stream whose writes are lines of the log. */
+/* Writing to the stream adds a line to fake.log. */
 static ssize_t note_write(void *sink, const char *text, size_t size)
 {
     note(static_cast<const char *>(sink) + std::string(text, size));
@@ -57,7 +57,7 @@ server_spawnlet_data_t a_record(const std::string &host, int port, int vrf,
     return record;
 }
 
-/* What the platform sees */
+/* Hooks of the memory platform */
 
 static void note_call(const char *text)
 {
@@ -72,7 +72,7 @@ static int note_history(uint32_t event_class, uint32_t length, const void *recor
     EXPECT_EQ(length, 4 + strlen(bytes + 4) + 1);
     EXPECT_LE(length, 516u);
     note(std::string("H ") + (bytes + 4));
-    return -1; /* which the library does not look at */
+    return -1; /* the library ignores the result */
 }
 
 static int note_debug(const char *text, size_t length)
@@ -90,7 +90,7 @@ static std::string name_of(const FILE *stream)
                               : "log";
 }
 
-/* All that a job start is given, and the state of the process at that moment. */
+/* Logs or checks every argument of a job start, and logs how the process handles SIGCHLD then. */
 static void note_start(const memory_job &job)
 {
     static uint32_t last_tag;
@@ -115,7 +115,7 @@ static void note_start(const memory_job &job)
     EXPECT_EQ(memcmp(&options, &zero, sizeof zero), 0);
 }
 
-/* A job that is waited for comes to what the test says; those in the background are for it to complete. */
+/* A blocking job ends as the test has set. A background job never ends by itself: the test completes it. */
 static uint32_t start_job(memory_job *job)
 {
     static memory_completion outcome;
@@ -123,7 +123,7 @@ static uint32_t start_job(memory_job *job)
     if (job->in_background)
         return static_cast<uint32_t>(fake.async_syserr);
     if (fake.ret_info.empty() && fake.ret_syserr == 0 && fake.syserr != 0)
-        return static_cast<uint32_t>(fake.syserr); /* what the library had set is what it finds */
+        return static_cast<uint32_t>(fake.syserr); /* the out-parameters are not written */
     outcome = {.syserr = static_cast<uint32_t>(fake.syserr),
                .ret_info = fake.ret_info.empty() || fake.loses_buffer ? nullptr : fake.ret_info.data(),
                .ret_info_size = static_cast<uint32_t>(fake.ret_info.size()),
@@ -169,7 +169,7 @@ void world_test::TearDown()
     EXPECT_EQ(fake.blocks.size(), 0u) << "leaked";
 }
 
-/* C library */
+/* Fakes of the C library */
 
 extern "C" {
 void *__real_malloc(size_t size);
@@ -183,7 +183,7 @@ void *__wrap_malloc(size_t size)
     if (fake.failing_malloc > 0 && --fake.failing_malloc == 0)
         return nullptr;
     void *block = __real_malloc(size);
-    memset(block, 0xa5, size); /* nothing may count on fresh memory */
+    memset(block, 0xa5, size); /* so that code which relies on zeroed memory fails */
     fake.blocks.insert(block);
     return block;
 }
@@ -194,7 +194,7 @@ void __wrap_free(void *block)
     __real_free(block);
 }
 
-/* As the C library's own: each node and its canonical name, nothing else. */
+/* Like the C library's: frees each node and its canonical name, nothing else. */
 void __wrap_freeaddrinfo(struct addrinfo *chain)
 {
     ASSERT_NE(chain, nullptr);
@@ -227,7 +227,7 @@ int __wrap_stat(const char *path, struct stat *status)
     return fake.marker ? 0 : -1;
 }
 
-/* The debug log is always ours to make. */
+/* The library can always create its debug log. */
 int __wrap_open(const char *path, int flags, mode_t mode)
 {
     const bool is_log = strncmp(path, "/tmp/dnscache.log.", 18) == 0;

@@ -1,6 +1,6 @@
 /*
- * fakes.h: the memory platform and stand-ins for the C library calls whose results a test scripts, which the linker's
- * --wrap puts in place of the real ones. What the library does to the outside is noted in fake.log, in order.
+ * fakes.h: the memory platform, and fakes of C library functions, which the linker option --wrap puts in place of the
+ * real ones. A test sets their results. fake.log records the trace messages and most calls of both, in order.
  */
 #ifndef TESTS_SUPPORT_FAKES_H
 #define TESTS_SUPPORT_FAKES_H
@@ -16,23 +16,23 @@
 #include "platform/memory/memory_platform.h"
 
 struct fake_world {
-    std::vector<std::string> log; /* trace sinks start with H, B, F or P and a blank */
+    std::vector<std::string> log; /* trace messages begin with their sink, H, B, F or P, and a blank */
 
-    /* switches and results */
+    /* set by the test: what the fakes do and return */
     long marker, fopen_fails, syserr, async_syserr, ret_syserr, resolver_result;
     long now = 1000;
-    long failing_malloc; /* counts down; the malloc() that finds it at 1 fails */
+    long failing_malloc; /* N: the N-th malloc() from now fails; 0: none */
     std::vector<unsigned char> ret_info;
-    bool loses_buffer; /* a size comes back without its buffer */
+    bool loses_buffer; /* the job service returns a size, but no buffer */
     struct addrinfo *resolver_answer;
-    std::vector<int> waitpid_results; /* then 0 for ever; negative: minus an errno */
+    std::vector<int> waitpid_results; /* one for each call, then always 0; negative: -errno */
 
-    std::set<void *> blocks; /* taken and not yet freed */
+    std::set<void *> blocks; /* allocated and not yet freed */
     int waits, sleeps;
 };
 extern fake_world fake;
 
-/* A test with a fresh world and fresh state, which ends without a leak. */
+/* Resets the fakes and the state of the library before each test, and fails a test that leaks memory. */
 class world_test : public testing::Test
 {
   protected:
@@ -44,7 +44,7 @@ class world_test : public testing::Test
 server_spawnlet_data_t a_record(const std::string &host, int port, int vrf,
                                 const std::vector<std::string> &addresses);
 
-/* A copy that a list may own. */
+/* A copy in memory from malloc(), so that a list can own it. */
 template <typename T>
 T *on_heap(const T &value)
 {

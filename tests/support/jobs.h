@@ -1,5 +1,5 @@
 /*
- * jobs.h: for tests that fork real jobs.
+ * jobs.h: helpers for tests that fork real jobs.
  */
 #ifndef TESTS_SUPPORT_JOBS_H
 #define TESTS_SUPPORT_JOBS_H
@@ -41,7 +41,7 @@ static inline std::string content_of(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/* What a job came to. */
+/* How a job ended. */
 struct job_report {
     uint32_t code;
     int32_t result = 0;
@@ -95,7 +95,7 @@ static inline std::vector<int> open_descriptors()
     return found;
 }
 
-/* In a job's child its channel is the only socket. */
+/* Call it in the child of a job, whose only socket is the channel to its parent. -1: none. */
 static inline int job_channel()
 {
     for (const int fd : open_descriptors()) {
@@ -106,7 +106,7 @@ static inline int job_channel()
     return -1;
 }
 
-/* Memory that a job's child shares with the test. */
+/* Memory that the child of a job shares with the test. */
 template <typename T>
 T *shared()
 {
@@ -114,7 +114,7 @@ T *shared()
     return new (memory) T();
 }
 
-/* What a child may do, and what its job comes to, waited for or in the background. */
+/* Bodies of jobs, and how such a job ends, whether blocking or in the background */
 
 static inline int hand_back(void *size)
 {
@@ -140,14 +140,14 @@ static inline int flood(void *)
         spawnlet_done("again", 5);
 }
 
-/* Raw words instead of frames, then a normal result. */
-static inline int garble(void *words)
+/* Writes three raw words instead of frames, then returns as usual. */
+static inline int write_garbage(void *words)
 {
     return static_cast<int>(write(job_channel(), words, 12));
 }
 
-/* Half a message, then nothing. */
-static inline int tear(void *)
+/* Sends half a hand-back, then kills itself. */
+static inline int send_half_and_crash(void *)
 {
     const std::string half(LINUX_HANDBACK_MAX / 2, 't');
     const frame_header header = {FRAME_HANDBACK, LINUX_HANDBACK_MAX};
@@ -157,12 +157,12 @@ static inline int tear(void *)
                : 0;
 }
 
-/* A child of the job's own holds the channel for some time. */
-static inline int leave_a_holder(void *job_ends)
+/* Leaves a grandchild that keeps the channel open for 2 s. The job is then killed, or returns 0 if crashes is NULL. */
+static inline int leave_a_grandchild(void *crashes)
 {
     if (fork() == 0)
         alarm(2), pause();
-    return job_ends != nullptr ? raise(SIGKILL) : 0;
+    return crashes != nullptr ? raise(SIGKILL) : 0;
 }
 
 struct job_way {
@@ -170,7 +170,7 @@ struct job_way {
     void *arg;
     uint32_t code;
     int32_t result;
-    size_t size; /* of what comes back */
+    size_t size; /* of the hand-back that arrives */
 };
 
 static inline const std::vector<job_way> &job_ways()
@@ -184,17 +184,17 @@ static inline const std::vector<job_way> &job_ways()
         ways.push_back({hand_back, &size, 0, -5, size});
     ways.back() = {hand_back, &sizes[6], LINUX_JOB_TOO_LARGE, 0, 0};
     for (auto &words : garbage)
-        ways.push_back({garble, words, LINUX_JOB_NO_RESULT, 0, 0});
+        ways.push_back({write_garbage, words, LINUX_JOB_NO_RESULT, 0, 0});
     ways.push_back(
         {[](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); }, nullptr, 0, 0, 4});
     ways.push_back({[](void *) -> int { _exit(0); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
     ways.push_back({crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back({tear, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back({send_half_and_crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
     ways.push_back({[](void *) { return spawnlet_done("last", 4) + raise(SIGKILL); }, nullptr,
                     LINUX_JOB_NO_RESULT, 0, 0});
     ways.push_back({[](void *) -> int { abort(); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back({leave_a_holder, nullptr, 0, 0, 0});
-    ways.push_back({leave_a_holder, &sizes, LINUX_JOB_NO_RESULT, 0, 0});
+    ways.push_back({leave_a_grandchild, nullptr, 0, 0, 0});
+    ways.push_back({leave_a_grandchild, &sizes, LINUX_JOB_NO_RESULT, 0, 0});
     ways.push_back(
         {[](void *) -> int { return raise(SIGSTOP), pause(); }, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
     ways.push_back({hang, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
@@ -215,14 +215,14 @@ static inline bool has_sanitizer()
     return __lsan_do_recoverable_leak_check != nullptr;
 }
 
-/* How many times as long scripts/soak does what the tests do. */
+/* How many times as often a test repeats its work: 1, or more under scripts/soak. */
 static inline int soak_factor()
 {
     const char *factor = getenv("SOAK");
     return factor != nullptr ? atoi(factor) : 1;
 }
 
-/* Waits for an event that has no descriptor. */
+/* Waits about 20 s at most for an event that has no descriptor to poll. */
 static inline bool eventually(const std::function<bool()> &event)
 {
     for (int ms = 0; ms < 20000; ms++) {
@@ -238,7 +238,7 @@ static inline int nothing(void *)
     return 0;
 }
 
-/* Each job reaps those before it: in the end no child and no descriptor is left but the last one's. */
+/* Runs jobs, each of which reaps earlier ones, until no child is left to reap and at most one descriptor is new. */
 static inline bool leaves_nothing_behind(size_t descriptors)
 {
     return eventually([descriptors] {
@@ -249,7 +249,7 @@ static inline bool leaves_nothing_behind(size_t descriptors)
     });
 }
 
-/* What a test does to a whole process it does in one of its own. true: it returned true there. */
+/* Runs body in a forked process, for a test that changes its whole process. Returns whether body returned true. */
 template <typename Body>
 bool in_its_own_process(Body body)
 {

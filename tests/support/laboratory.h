@@ -1,5 +1,5 @@
 /*
- * laboratory.h: for tests that run inside scripts/laboratory, with the C library's own resolver.
+ * laboratory.h: helpers for tests that run inside scripts/laboratory, with the C library's own resolver.
  */
 #ifndef TESTS_SUPPORT_LABORATORY_H
 #define TESTS_SUPPORT_LABORATORY_H
@@ -12,14 +12,14 @@
 #include "dnscache/state.h"
 #include "tests/support/jobs.h"
 
-/* A lookup leaves SIGCHLD ignored, and then no command has an exit status. */
+/* A lookup leaves SIGCHLD ignored. system() could not get an exit status then, so the default is restored. */
 static inline bool shell(const std::string &command)
 {
     signal(SIGCHLD, SIG_DFL);
     return system(command.c_str()) == 0;
 }
 
-/* A number that the kernel keeps where the name server of a VRF is: after the last such label, as the format says. */
+/* A kernel counter where the name server of a VRF runs: format reads it after the last label in the file. -1: none. */
 static inline int counter(int vrf, const char *file, const char *label, const char *format)
 {
     const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");
@@ -31,13 +31,13 @@ static inline int counter(int vrf, const char *file, const char *label, const ch
     return value;
 }
 
-/* Packets that came out of the wire of a VRF, at the side of its name server. */
+/* Packets that arrived at the name server's end of the wire of a VRF. */
 static inline int packets(int vrf)
 {
     return counter(vrf, "/net/dev", "wire:", "%*d %d");
 }
 
-/* Those of them that were for a server, and not of the kernel's own. */
+/* How many of them were UDP datagrams for a server, rather than traffic of the kernel itself. */
 static inline int questions(int vrf)
 {
     return counter(vrf, "/net/snmp", "\nUdp:", "%d");
@@ -57,7 +57,7 @@ static inline std::string addresses_in(const struct addrinfo *chain)
     return all;
 }
 
-/* What every name in a VRF has. */
+/* The addresses that every name has in a VRF. */
 static inline std::string own_addresses(int vrf)
 {
     const std::string number = std::to_string(vrf);
@@ -65,7 +65,7 @@ static inline std::string own_addresses(int vrf)
            (vrf == 0 || vrf == 2 ? vrf == 0 ? " 2001:db8::" : "" : " 2001:db8::" + number);
 }
 
-/* The addresses of a name, sorted, or the code in brackets. */
+/* The addresses of a name, sorted; if the lookup fails, its code in parentheses. */
 static inline std::string look_up(const std::string &name, int vrf)
 {
     struct addrinfo hints = {}, *chain = nullptr;

@@ -1,10 +1,11 @@
 /*
- * scripted_resolver.cpp: getaddrinfo() by script, linked into a program or preloaded, and so in its children
- * too. The chains are laid out as the GNU C library does it, whose freeaddrinfo() releases them. As a library
- * to preload it is never built with sanitizers: their runtime would come too late.
+ * scripted_resolver.cpp: a getaddrinfo() that answers from a table, SCRIPT. It is linked into a program or preloaded,
+ * and children inherit it. Its chains have the layout that freeaddrinfo() of the GNU C library releases. A preloaded
+ * build never has sanitizers: their runtime would be loaded too late.
  *
- * Names that start with "any" are answered as the first in the script. Calls for names that start with "late" are counted by files in the directory SCRIPT_DIR. The first never
- * returns; a failure in the script is that of the second, so that a caller who tries once more shows.
+ * Names that start with "any" are answered like the first name in the table. For names that start with "late", files in
+ * the directory SCRIPT_DIR count the calls. The first call never returns. A failure in the table is the result of the
+ * second; the third succeeds, which reveals a caller that retries.
  */
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -41,7 +42,7 @@ static const struct script_line {
     {"nosuch.test", EAI_NONAME, nullptr, 0, 0, nullptr},
     {"again.test", EAI_AGAIN, nullptr, 0, 0, nullptr},
     {"crash.test", CRASH, nullptr, 0, 0, nullptr},
-    {"odd.test", 1, nullptr, 0, 0, nullptr}, /* no code that the C library has */
+    {"odd.test", 1, nullptr, 0, 0, nullptr}, /* not a code of the C library */
     {"short.test", 0, "192.0.2.7", SOCK_STREAM, IPPROTO_TCP, nullptr},
     {"long.test", 0, "192.0.2.8", SOCK_STREAM, IPPROTO_TCP, nullptr},
 };

@@ -1,8 +1,8 @@
 /*
- * scenario_test.cpp: plays the scenarios beside it. Each *.scenario file is named like the source file that it tests,
- * and holds sections: a title after "##", commands after "> ", and below each what the library then does, line by line:
- * trace messages by sink, calls of the platform, results after "=". Source lines and addresses read "#", more than
- * twenty equal characters "x*600", and bytes that cannot be printed "\x00"; equal lines are counted.
+ * scenario_test.cpp: runs the *.scenario files of this folder, each named like the source file that it tests. A section
+ * is a test: "## " and its title, then commands after "> ", each followed by what the library does: trace messages by
+ * sink (H history, B debug, F log file, P standard output), platform calls, results after "= ". Line numbers and
+ * addresses read "#", more than 20 equal characters "x*600", unprintable bytes "\x00"; equal lines are counted.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -29,10 +29,10 @@ struct section {
     std::string file, title, text;
 };
 
-static server_spawnlet_data_t record; /* that commands are about */
-static struct addrinfo stale;         /* what a caller left behind who did not clear its result */
+static server_spawnlet_data_t record; /* the record that commands set up and use */
+static struct addrinfo stale;         /* *res of a caller that did not clear it before the call */
 
-/* From and to text */
+/* Conversion from and to text */
 
 static std::string expand(const std::string &word)
 {
@@ -54,9 +54,9 @@ static std::string escaped(char c)
     return c == '\n' ? "\\n" : text;
 }
 
-static std::string shown(const std::string &line)
+static std::string masked(const std::string &line)
 {
-    /* In the log file a message that names its place names the place of the prefix, or its number stays. */
+    /* A message in the log file may repeat the place in its prefix. A different line number is not masked. */
     static const std::regex same_place("^F ([a-z_0-9]+)\\(\\) : ([0-9]+) \\1\\(\\2\\)"),
         prefix("^F ([a-z_0-9]+)\\(\\) : [0-9]+ "), place("^([HBP] [a-z_0-9]+)\\([0-9]+\\)"),
         number("Line : [0-9]+"), address("(serv_ptr|server_addr_info|ret_info) (0x)?[0-9a-f]+");
@@ -212,7 +212,7 @@ static void make_answer(const words &w)
     fake.loses_buffer = w.size() > 2;
 }
 
-/* So many records host0, host1, ... like the current one. */
+/* Adds copies of the current record with the keys host0, host1, ... */
 static void fill_cache(const words &w)
 {
     for (int i = 0; i < number(w[1]); i++) {
@@ -263,7 +263,7 @@ static void check_cache(const words &w)
     show_chain(rc, chain);
 }
 
-/* Writes the record over before the chain is read: a chain owns all it points to. */
+/* Overwrites the record before it reads the chain, which must own everything that it points to. */
 static void decode(const words &w)
 {
     struct addrinfo *chain = &stale;
@@ -272,7 +272,7 @@ static void decode(const words &w)
     show_chain(rc, chain);
 }
 
-/* The resolver's answer, a chain such as the C library makes: resolver ADDRESS[/LENGTH][/NAME]... */
+/* Sets the resolver's answer, a chain as the C library builds it: resolver ADDRESS[/LENGTH][/NAME]... */
 static void script_resolver(const words &w)
 {
     struct addrinfo **tail = &fake.resolver_answer;
@@ -301,7 +301,7 @@ static void run_job(const words &w)
     uint32_t size = 0;
     int32_t ret_syserr = 0;
     const job_options options = {.record_size = sizeof options};
-    memory.on_start = nullptr; /* it runs */
+    memory.on_start = nullptr; /* so that the body runs */
     spawnlet_fork_fp(reinterpret_cast<spawnlet_body_t>(resolve_server_hostname), &request, &ret_info, &size,
                      &ret_syserr, &options, nullptr, nullptr, nullptr);
     result("%d", ret_syserr);
@@ -364,18 +364,18 @@ static void fill_request(const words &w)
     result("family %d vrf %d", request.hints.ai_family, request.vrf);
 }
 
-static void play_command(const words &w);
+static void run_command(const words &w);
 
-/* The command with its k-th malloc() failing, for each k until none fails: whatever it returns, nothing else changed. */
+/* Runs a command with its k-th malloc() failing, for each k until none fails. A failure must not change state. */
 static void sweep(const words &w)
 {
     const auto state = [] { return std::tuple(fake.blocks, local_cache, job_list, running_jobs); };
     for (int k = 1; k > 0; k++) {
         const auto before = state();
         fake.failing_malloc = k;
-        play_command({w.begin() + 1, w.end()});
+        run_command({w.begin() + 1, w.end()});
         if (fake.failing_malloc > 0)
-            k = -1; /* untouched: the last */
+            k = -1; /* no malloc() has failed: end the loop */
         fake.failing_malloc = 0;
         fake.log.push_back(k < 0 ? "= untouched" : state() == before ? "= all as before" : "= STATE CHANGED");
         std::erase_if(fake.log, [](const std::string &line) { return line[0] != '='; });
@@ -439,14 +439,14 @@ static const std::map<std::string, std::function<void(const words &)>> commands 
     {"log", [](const words &) { result("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name); }},
 };
 
-static void play_command(const words &w)
+static void run_command(const words &w)
 {
     commands.at(w[0])(w);
 }
 
-/* The player */
+/* Running the sections */
 
-static std::string play(const section &section)
+static std::string run_section(const section &section)
 {
     std::istringstream script(section.text);
     std::string line, transcript;
@@ -459,12 +459,12 @@ static std::string play(const section &section)
         for (std::string word; text >> word;)
             w.push_back(word);
         fake.log.clear();
-        play_command(w);
+        run_command(w);
         for (size_t i = 0, end; i < fake.log.size(); i = end) {
             for (end = i + 1; end < fake.log.size() && fake.log[end] == fake.log[i];)
                 end++;
             transcript +=
-                shown(fake.log[i]) + (end - i > 1 ? " (" + std::to_string(end - i) + " times)\n" : "\n");
+                masked(fake.log[i]) + (end - i > 1 ? " (" + std::to_string(end - i) + " times)\n" : "\n");
         }
     }
     return transcript;
@@ -492,19 +492,19 @@ static std::vector<section> all_sections()
 class scenario : public world_test
 {
   public:
-    explicit scenario(const section &played) : section(played) {}
+    explicit scenario(const section &to_run) : section(to_run) {}
     void TestBody() override
     {
         record = {};
         ASSERT_NE(section.text.find("> "), std::string::npos);
-        EXPECT_EQ(play(section), section.text);
+        EXPECT_EQ(run_section(section), section.text);
     }
 
   private:
     const ::section section;
 };
 
-/* Standard output is a sink under test, so failures must show elsewhere. */
+/* During a test standard output is a trace sink, so failures are printed to standard error. */
 class failures_to_stderr : public testing::EmptyTestEventListener
 {
     void OnTestPartResult(const testing::TestPartResult &part) override
