@@ -1,5 +1,5 @@
 /*
- * chain.h: whether a chain is what a record decodes to. It reads every byte that a caller may read.
+ * chain.h: compares a chain with the record that it was decoded from, over every byte that a caller may read.
  */
 #ifndef FUZZ_CHAIN_H
 #define FUZZ_CHAIN_H
@@ -23,8 +23,8 @@ inline bool is_node_of(const struct addrinfo &node, const server_spawnlet_data_t
                               memcmp(node.ai_canonname, record.canonname[i], length) == 0);
 }
 
-/* How many nodes are as in the record; -1 when the chain goes on with one that is not. */
-inline int nodes_of(const struct addrinfo *chain, const server_spawnlet_data_t &record)
+/* The number of nodes; -1 if one of them is not the record's entry at its position. */
+inline int matching_length(const struct addrinfo *chain, const server_spawnlet_data_t &record)
 {
     int count = 0;
     for (; chain != nullptr; chain = chain->ai_next)

@@ -1,6 +1,6 @@
 /*
- * completion.cpp: completions whose five values are all hostile, and everything that then meets what they left in
- * the cache. Eight bytes of settings and a record each; or the record before, once more.
+ * completion.cpp: completions with five arbitrary values, then the calls that use what they left in the cache. Each is
+ * eight bytes of settings and a record, unless the settings say to reuse the previous record.
  */
 #include <string.h>
 
@@ -15,13 +15,12 @@
 struct settings {
     uint8_t handle;
     uint8_t failing_malloc;
-    uint8_t times;  /* how often, each time under another name and handle */
-    int8_t minutes; /* that the clock moves */
+    uint8_t times;  /* repetitions, each with another name and handle */
+    int8_t minutes; /* by which the clock moves */
     uint8_t refused;
-    uint8_t
-        result;    /* bit 0: the body failed; 1: no buffer; 2: the record before; 3: the job service failed */
-    int8_t excess; /* of the buffer's size over a record's */
-    uint8_t then;  /* bit 0: refresh; 1: purge; 2: remove by name; 3: all background jobs end */
+    uint8_t result; /* bit 0: the body failed; 1: no buffer; 2: previous record; 3: job service failed */
+    int8_t excess;  /* 13 times this is added to the size of the buffer */
+    uint8_t then;   /* bit 0: refresh; 1: purge; 2: remove by name; 3: all background jobs end */
 };
 
 static void check_state()
@@ -38,7 +37,7 @@ static void check_state()
     REQUIRE(memory.connected);
 }
 
-/* Copies what a caller may read, then releases it. */
+/* Reads all that a caller may read, then releases the chain. */
 static void use_chain(struct addrinfo *chain)
 {
     int count = 0;

@@ -1,6 +1,6 @@
 /*
- * decode.cpp: a record of any bytes, decoded and dumped. The first byte says which malloc() fails, the record
- * follows. No bytes at all: no record.
+ * decode.cpp: decodes and dumps a record of arbitrary bytes. The first byte says which malloc() fails, the record
+ * follows. An empty input also decodes NULL.
  */
 #include <netdb.h>
 
@@ -11,7 +11,7 @@
 #include "fuzz/input.h"
 #include "fuzz/platform.h"
 
-/* A chain that ran out of memory may end with a node that lacks its name. */
+/* If memory ran out while the chain was built, its last node may lack the canonical name. */
 static void check_partial(const struct addrinfo *chain, server_spawnlet_data_t record)
 {
     const int wanted = std::clamp(record.num_entries, 0, 4);
@@ -24,10 +24,10 @@ static void check_partial(const struct addrinfo *chain, server_spawnlet_data_t r
         record.canonname[count - 1][0] = '\0';
     else
         REQUIRE(count < wanted);
-    REQUIRE(nodes_of(chain, record) == count);
+    REQUIRE(matching_length(chain, record) == count);
 }
 
-/* With its texts terminated, as every record in the cache has them. */
+/* Terminates the texts first, as they are in every cached record. */
 static void dump(server_spawnlet_data_t record)
 {
     record.serv_name[511] = record.service[11] = '\0';
@@ -50,14 +50,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     platform.failing_malloc = 0;
     dump(block[0]);
     REQUIRE(memcmp(block.data(), &record, sizeof record) == 0);
-    /* The record goes, and the chain must not care. */
+    /* Free the record: the chain must not point into it. */
     block = std::vector<server_spawnlet_data_t>();
 
     REQUIRE(rc == (failed || record.num_entries == 0 ? -1 : 0));
     if (failed)
         check_partial(chain, record);
     else
-        REQUIRE(nodes_of(chain, record) == std::clamp(record.num_entries, 0, 4));
+        REQUIRE(matching_length(chain, record) == std::clamp(record.num_entries, 0, 4));
     if (chain != nullptr)
         freeaddrinfo(chain);
     return 0;

@@ -1,5 +1,5 @@
 /*
- * input.h: the bytes of a test case, taken one by one, and the check that ends the program.
+ * input.h: reads the bytes of a test case one by one. REQUIRE aborts the program if its condition is false.
  */
 #ifndef FUZZ_INPUT_H
 #define FUZZ_INPUT_H
@@ -9,18 +9,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-/* Standard output is full of trace messages, so reports go to standard error. */
+/* Reports go to standard error, because trace messages go to standard output. */
 #define REQUIRE(condition)                                                                                   \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
-            fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition);                          \
+            fprintf(stderr, "%s:%d: false: %s\n", __FILE__, __LINE__, #condition);                           \
             abort();                                                                                         \
         }                                                                                                    \
     } while (false)
 
 struct input {
     const uint8_t *at, *end;
-    uint64_t generator; /* if not 0, bytes that it draws follow for ever; else zeros do */
+    uint64_t generator; /* not 0: its random bytes follow the input; 0: zeros follow */
 
     bool is_empty() const
     {

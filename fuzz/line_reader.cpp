@@ -1,5 +1,5 @@
 /*
- * line_reader.cpp: any text as a stream of requests. What has to be read and accepted is worked out anew.
+ * line_reader.cpp: arbitrary text as a stream of requests. A second implementation says what is read and accepted.
  */
 #include "host/line_reader.h"
 
@@ -12,7 +12,7 @@
 
 #include "fuzz/input.h"
 
-/* What a request looks like, but for the greatest numbers. */
+/* The syntax of a request. It does not check the upper limits of numbers. */
 static constexpr char request[] =
     "^[ \t]*(([!-\"$-~]{1,253})([ \t]+([0-9]{1,5})([ \t]+([0-9]+))?)?[ \t]*)?(#.*)?$";
 enum { HOST = 2, SERVICE = 4, VRF = 6, PARTS };

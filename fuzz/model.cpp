@@ -1,8 +1,8 @@
 /*
- * model.cpp: the library beside its prediction. Steps over all calls that touch state are drawn from the bytes of an
- * input; after each, all state is compared, and so are the chains handed out, however long ago.
+ * model.cpp: compares the library with its prediction. The bytes of an input select steps, which cover all calls that
+ * use state. After each step all state is compared; chains are compared again when records have left the cache.
  *
- *   model STEPS [SEED]    draw the steps from a generator, and fail unless everything has happened that can
+ *   model STEPS [SEED]    select the steps with a random generator; fail unless each kind of event has occurred
  */
 #include <inttypes.h>
 #include <stddef.h>
@@ -20,7 +20,7 @@
 static constexpr uint64_t default_seed = 20260101;
 static constexpr size_t chains_max = 40;
 
-/* The last is cut in the request, but not in the key. */
+/* The last one is too long for the request, which cuts it, but not for the key. */
 static const char *const services[] = {"123", "53", "123", "53", "80x", "dns", "-5", "0000000000080"};
 
 struct server {
@@ -30,17 +30,17 @@ struct server {
 
 struct kept_chain {
     struct addrinfo *chain;
-    server_spawnlet_data_t record; /* that it was decoded from */
+    server_spawnlet_data_t record; /* from which it was decoded */
 };
 
 static input in;
 static prediction expected;
 static std::deque<kept_chain> kept;
-static std::vector<unsigned char> buffer; /* the job service's, exactly as large as it says */
+static std::vector<unsigned char> buffer; /* of the job service, exactly as large as its stated size */
 static const char *step_name;
 static uint64_t seed, steps_taken;
 
-/* Comparing */
+/* Comparison */
 
 [[noreturn]] static void fail(const char *what, const std::string &wanted, const std::string &got)
 {
@@ -55,13 +55,13 @@ static void compare(const char *what, int64_t wanted, int64_t got)
         fail(what, std::to_string(wanted), std::to_string(got));
 }
 
-static std::string shown(const server_spawnlet_data_t &record)
+static std::string described(const server_spawnlet_data_t &record)
 {
     return std::string(text_of(record.serv_id)) + " status " + std::to_string(record.status) + " entries " +
            std::to_string(record.num_entries) + " stamp " + std::to_string(record.timestamp);
 }
 
-static std::string shown(const server_addr_info &job)
+static std::string described(const server_addr_info &job)
 {
     return std::to_string(job.job_handle) + " " + std::string(text_of(job.serv_name)) + ":" +
            std::string(text_of(job.service)) + ":" + std::to_string(job.vrf);
@@ -74,14 +74,15 @@ static void compare_list(const char *what, const std::deque<T> &wanted, const GL
     for (const T &element : wanted) {
         const T &found = *static_cast<const T *>(link->data);
         if (memcmp(&element, &found, sizeof element) != 0)
-            fail(what, shown(element), shown(found));
+            fail(what, described(element), described(found));
         link = link->next;
     }
 }
 
 static void compare_chain(const kept_chain &one)
 {
-    compare(shown(one.record).c_str(), std::min(one.record.num_entries, 4), nodes_of(one.chain, one.record));
+    compare(described(one.record).c_str(), std::min(one.record.num_entries, 4),
+            matching_length(one.chain, one.record));
 }
 
 static void compare_all()
@@ -96,12 +97,12 @@ static void compare_all()
     compare("the job's time-out", expected.seconds, platform.seconds);
     compare("the routing context", true, memory.connected);
     if (memcmp(&expected.request, &platform.request, sizeof platform.request) != 0)
-        fail("the job", shown(expected.request), shown(platform.request));
+        fail("the job", described(expected.request), described(platform.request));
 }
 
-/* Drawing */
+/* Drawing values from the input */
 
-/* The last four names share keys, and the last two also what a record keeps of a name. */
+/* Keys cut the last four names to the same text, and records the last two. */
 static server draw_server()
 {
     static const size_t lengths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 120, 121, 600, 601};
@@ -110,7 +111,7 @@ static server draw_server()
     return {std::string(length, 'n'), service, in.byte() % 8 - 1};
 }
 
-/* One record in six, by what no child of ours would write. */
+/* Spoils about one record in six with content that our child never writes. */
 static void spoil(server_spawnlet_data_t *record)
 {
     using fields = server_spawnlet_data_t;
@@ -212,7 +213,7 @@ static void add()
     compare("result", wanted, add_entry_to_dns_cache(of.host.c_str(), port, of.vrf, nullptr));
 }
 
-/* Of a running job, in any order, or of one that ended before or never was. */
+/* Completes a running job, in any order, or a handle whose job has ended or never existed. */
 static void complete()
 {
     uint32_t handle = in.byte() % (HANDLES + 2);
@@ -245,17 +246,17 @@ static void check()
         compare("a chain", false, found != nullptr && chain != nullptr);
 }
 
-/* What no job brings: any time stamp. */
+/* Adds a record directly, with a time stamp near the current time: jobs store only the current one. */
 static void prepend()
 {
     const server_spawnlet_data_t drawn = draw_record(draw_server());
     auto *record = static_cast<server_spawnlet_data_t *>(malloc(sizeof drawn));
-    *record = taken_in(&drawn, expected.now - static_cast<int8_t>(in.byte()));
+    *record = as_cached(&drawn, expected.now - static_cast<int8_t>(in.byte()));
     expected.prepend(*record);
     local_cache = g_list_check_and_prepend(&local_cache, record, MAX_CACHE_ENTRIES);
 }
 
-/* Lists that are not the library's, with any limit but the cache's. */
+/* Fills a list that is not the library's, with a limit other than the cache's. */
 static void grow_another_list()
 {
     GList *list = nullptr;
@@ -269,7 +270,7 @@ static void grow_another_list()
     compare("result", 0, destroy_dns_cache(list));
 }
 
-/* Seconds mostly; seldom an hour, or to where time stamps change their sign or start anew. */
+/* Mostly by some seconds; rarely by an hour, or to just before 32-bit time stamps change sign or wrap. */
 static void move_clock()
 {
     static const int64_t places[] = {1'700'000'000, INT32_MAX - 30, UINT32_MAX - 30};
@@ -306,7 +307,7 @@ static void maintain()
     }
 }
 
-/* What has to be refused, and what only looks. */
+/* Calls that must be refused, and calls that only read. */
 static void change_nothing()
 {
     const struct addrinfo hints = {};
@@ -348,10 +349,10 @@ static void take_step()
     steps_taken++;
     const uint32_t pattern = in.byte() * 0x01010101u;
     expected.refused = platform.refused = in.one_in(8) ? pattern : 0;
-    const size_t gone = expected.gone;
+    const size_t removed = expected.removed;
     steps[i].take();
     compare_all();
-    for (size_t k = 0; gone != expected.gone && k < kept.size(); k++)
+    for (size_t k = 0; removed != expected.removed && k < kept.size(); k++)
         compare_chain(kept[k]);
     while (kept.size() > chains_max)
         release(in.byte() % kept.size());
@@ -376,7 +377,7 @@ static void end()
         release(0);
 }
 
-/* The first byte says how many steps the generator takes before: it takes some hundreds to fill the cache. */
+/* The first byte says how many steps the generator selects first: filling the cache takes hundreds. */
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     begin(default_seed);
@@ -402,7 +403,7 @@ int main(int argc, char **argv)
     for (const auto &[event, times] : prediction::counts)
         fprintf(stderr, ", %lu %s", times, event.data());
     fprintf(stderr, "\n");
-    constexpr size_t kinds = 16; /* that are counted */
+    constexpr size_t kinds = 16; /* of events, in prediction::counts */
     return prediction::counts.size() == kinds ? 0 : 1;
 }
 #endif

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     return 0;
 }
 
-/* Services */
+/* Hooks of the memory platform */
 
 static int check_history(uint32_t, uint32_t length, const void *record)
 {
@@ -25,7 +25,7 @@ static int check_history(uint32_t, uint32_t length, const void *record)
     return 0;
 }
 
-/* A job that is waited for comes to what the target says; it delivers the completions of the others. */
+/* A blocking job ends as the target has set. The target delivers the completions of background jobs. */
 static uint32_t start_job(memory_job *job)
 {
     REQUIRE(job->body == reinterpret_cast<spawnlet_body_t>(resolve_server_hostname));
@@ -62,7 +62,7 @@ void reset_world()
     memory.on_history = check_history;
 }
 
-/* C library */
+/* Fakes of the C library */
 
 extern "C" {
 void *__real_malloc(size_t size);
@@ -80,7 +80,7 @@ time_t __wrap_time(time_t *)
     return static_cast<time_t>(platform.now);
 }
 
-/* No marker file: nothing is written to a debug log. */
+/* There is no marker file, so no debug log is written. */
 int __wrap_stat(const char *path, struct stat *status)
 {
     return strcmp(path, "/bootflash/.enable_dns_debugs") == 0 ? -1 : __real_stat(path, status);

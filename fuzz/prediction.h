@@ -1,6 +1,6 @@
 /*
- * prediction.h: what the library should do, said a second time: plain containers of its public records, and
- * nothing of its code.
+ * prediction.h: a second implementation of what the library should do, with plain containers of its public records
+ * and none of its code.
  */
 #ifndef FUZZ_PREDICTION_H
 #define FUZZ_PREDICTION_H
@@ -20,7 +20,7 @@ std::string_view text_of(const char (&field)[size])
     return {field, strnlen(field, size)};
 }
 
-/* Into a field of zeros; cut to what fits. */
+/* The field must be all zero. Text that is too long is cut. */
 template <size_t size>
 void set_text(char (&field)[size], std::string_view text)
 {
@@ -41,8 +41,8 @@ inline std::string key_of(std::string_view host, int port, int vrf)
     return (std::string(host) + ":" + std::to_string(port) + ":" + std::to_string(vrf)).substr(0, 98);
 }
 
-/* A record of any bytes, as the cache holds it. */
-inline server_spawnlet_data_t taken_in(const void *bytes, int64_t now)
+/* The record that the cache makes of any bytes that arrive. */
+inline server_spawnlet_data_t as_cached(const void *bytes, int64_t now)
 {
     server_spawnlet_data_t record;
     memcpy(&record, bytes, sizeof record);
@@ -59,7 +59,7 @@ inline server_addr_info request_of(std::string_view host, std::string_view servi
     set_text(request.serv_name, host);
     set_text(request.service, service);
     request.hints = hints;
-    if (sizeof(void *) == 8) /* else every byte is carried along */
+    if (sizeof(void *) == 8) /* 32-bit code copies every byte */
         request.hints.ai_addr = request.hints.ai_canonname = request.hints.ai_next = 0;
     request.vrf = vrf;
     return request;
@@ -71,14 +71,14 @@ struct prediction {
     int64_t now = 1'700'000'000;
     int32_t lifetime = 60;
     int32_t blocking = 3;
-    uint32_t refused, waits, starts, handles; /* these, and what follows, as in scripted_platform */
+    uint32_t refused, waits, starts, handles; /* these and the next two: see scripted_platform */
     int32_t seconds;
     server_addr_info request;
-    size_t gone; /* records that left the cache */
+    size_t removed; /* records that have left the cache */
 
     static inline std::map<std::string_view, unsigned long> counts;
 
-    /* The newest record with the key decides, although it may not answer. */
+    /* The newest valid record with the key decides, even if it has no entries. */
     const server_spawnlet_data_t *candidate(std::string_view key) const
     {
         for (const server_spawnlet_data_t &record : cache)
@@ -96,7 +96,7 @@ struct prediction {
     void drop_if(const char *why, auto condition)
     {
         const size_t dropped = std::erase_if(cache, condition);
-        gone += dropped;
+        removed += dropped;
         if (dropped > 0)
             counts[why] += dropped;
     }
@@ -131,8 +131,8 @@ struct prediction {
     {
         if (cache.size() == 64) {
             refresh();
-            counts[cache.size() == 64 ? "evictions" : "refreshes that made room"]++;
-            gone += cache.size() == 64;
+            counts[cache.size() == 64 ? "evictions" : "refreshes that freed space"]++;
+            removed += cache.size() == 64;
             cache.resize(cache.size() == 64 ? 63 : cache.size());
         }
         cache.push_front(record);
@@ -146,9 +146,9 @@ struct prediction {
         }
         request = wanted;
         seconds = timeout_secs;
-        const bool starts_up = (refused >> starts++ % 32 & 1) == 0;
-        counts[starts_up ? "jobs" : "refused starts"]++;
-        if (!starts_up)
+        const bool started = (refused >> starts++ % 32 & 1) == 0;
+        counts[started ? "jobs" : "refused starts"]++;
+        if (!started)
             return -1;
         jobs.push_front(wanted);
         jobs.front().job_handle = 1 + handles++ % HANDLES;
@@ -163,14 +163,14 @@ struct prediction {
         for (const server_addr_info &job : jobs) {
             if (text_of(job.serv_name) == text_of(wanted.serv_name) && job.vrf == vrf &&
                 text_of(job.service) == text_of(wanted.service)) {
-                counts["running already"]++;
+                counts["already running"]++;
                 return 0;
             }
         }
         return start(wanted, 0);
     }
 
-    /* The record that a result of 0 is decoded from goes to *answered. */
+    /* If the result is 0, *answered receives the record from which the chain is decoded. */
     int look_up(std::string_view node, std::string_view service, const dnscache_addrinfo_image &hints,
                 int32_t vrf, const memory_completion &outcome, server_spawnlet_data_t *answered)
     {
@@ -193,7 +193,7 @@ struct prediction {
             return outcome.ret_syserr;
         if (outcome.ret_info == nullptr || outcome.ret_info_size != 1676)
             return -1;
-        *answered = taken_in(outcome.ret_info, now);
+        *answered = as_cached(outcome.ret_info, now);
         answered->status = ENTRY_RESOLVED;
         if (answered->num_entries == 0)
             return -1;
@@ -204,9 +204,9 @@ struct prediction {
     void complete(uint32_t handle, const memory_completion &result)
     {
         if (result.ret_info != nullptr && result.ret_info_size >= 1676) {
-            const server_spawnlet_data_t record = taken_in(result.ret_info, now);
+            const server_spawnlet_data_t record = as_cached(result.ret_info, now);
             const bool is_answered = answer(text_of(record.serv_id)) != nullptr;
-            counts[is_answered ? "completions answered already" : "completions with news"]++;
+            counts[is_answered ? "completions of cached answers" : "completions of uncached answers"]++;
             if (!is_answered && result.ret_syserr == 0)
                 prepend(record);
         }
@@ -217,7 +217,7 @@ struct prediction {
                 return;
             }
         }
-        counts["completions of no job"]++;
+        counts["completions of unknown handles"]++;
     }
 };
 

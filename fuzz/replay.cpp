@@ -1,6 +1,6 @@
 /*
- * replay.cpp: what stands in for the fuzzer elsewhere. Each file named, or in a folder named, goes through the
- * target once.
+ * replay.cpp: main() for builds without the fuzzer. It runs the target once with each file that is named or lies in a
+ * named folder.
  */
 #include <filesystem>
 #include <fstream>
@@ -23,7 +23,7 @@ static int replay(const fs::path &path)
     std::ifstream in(path, std::ios::binary);
     REQUIRE(in.is_open());
     const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
-    /* In a block of its own size, so that reading past it shows. */
+    /* A block of exactly this size, so that sanitizers detect a read past its end. */
     const std::vector<uint8_t> block(bytes);
     LLVMFuzzerTestOneInput(block.data(), block.size());
     return 1;

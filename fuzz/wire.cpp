@@ -1,6 +1,6 @@
 /*
- * wire.cpp: what a job's child says to its parent. Three bytes of settings, then the stream; it is read in one go,
- * in portions, after a flood, and through a channel.
+ * wire.cpp: arbitrary bytes from a job's child to its parent. Three bytes of settings, then the stream; it is read at
+ * once, in portions, with the size limit already reached, and sometimes sent as a hand-back through a real channel.
  */
 #include "platform/linux/spawnlet_wire.h"
 
@@ -32,7 +32,7 @@ static wire_reader read_in_portions(bytes_view stream, size_t portion, unsigned 
 static void check_same(const wire_reader &a, const wire_reader &b)
 {
     REQUIRE(a.state == b.state && a.result == b.result && a.handback_size == b.handback_size);
-    /* The rest of a hand-back that is still being read has never been written. */
+    /* Of an incomplete hand-back only the part that was received is initialized. */
     const bool in_handback = a.state == WIRE_READING && a.header.kind == FRAME_HANDBACK && a.header_got == 8;
     const size_t written = in_handback ? a.payload_got : a.handback_size;
     REQUIRE(written == 0 || memcmp(a.handback, b.handback, written) == 0);
@@ -46,7 +46,7 @@ static void check_flood(bytes_view stream)
     wire_release(&reader);
 }
 
-/* What was sent comes out at the other end; an end that has gone is an error, not a signal. */
+/* The receiver gets what was sent. Sending to a closed peer returns an error, without SIGPIPE. */
 static void check_channel(bytes_view payload)
 {
     int ends[2];
