@@ -132,8 +132,6 @@ static uint32_t start_job(memory_job *job)
     return 0;
 }
 
-/* Fixture */
-
 static FILE *real_stdout;
 
 void world_test::SetUp()

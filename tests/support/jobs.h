@@ -41,7 +41,6 @@ static inline std::string content_of(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/* How a job ended. */
 struct job_report {
     uint32_t code;
     int32_t result = 0;
