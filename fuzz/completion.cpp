@@ -1,6 +1,6 @@
 /*
- * completion.cpp: completions with five arbitrary values, then the calls that use what they left in the cache. For each,
- * the input holds eight bytes of settings and a record, or only settings, to reuse the previous record.
+ * completion.cpp: completions with five arbitrary values, then the calls that use what they left in the cache. For
+ * each, the input holds eight bytes of settings and a record, or only settings, which reuse the previous record.
  */
 #include <string.h>
 
