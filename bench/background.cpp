@@ -1,12 +1,12 @@
 /*
- * background.cpp: the calls that never wait: a start, a completion, a refresh pass.
+ * background.cpp: measures the calls that never wait: start of a job, completion, refresh pass.
  */
 #include <signal.h>
 #include <unistd.h>
 
 #include "bench/bench.h"
 
-/* A start, and the fork without which there is none */
+/* The start of a job, and its fork alone */
 
 static void start(benchmark::State &state)
 {
@@ -17,7 +17,7 @@ static void start(benchmark::State &state)
     }
 }
 
-/* Children that live until all have been forked. */
+/* Each child lives until all have been forked. */
 static void fork_alone(benchmark::State &state)
 {
     for (auto _ : state) {
@@ -31,7 +31,7 @@ static void fork_alone(benchmark::State &state)
         }));
         for (int i = 0; i < count; i++)
             if (children[i] < 0 || kill(children[i], SIGKILL) != 0)
-                give_up("no fork");
+                give_up("fork failed");
         wait_for_children();
     }
 }
@@ -46,7 +46,7 @@ static void parents(benchmark::internal::Benchmark *call)
 BENCHMARK(start)->Apply(parents);
 BENCHMARK(fork_alone)->Apply(parents)->Args({SMALL_MB, MAX_SPAWNLETS});
 
-/* A completion whose record enters a cache that has just room for it */
+/* The record of the completion takes the last free place of the cache. */
 static void completion(benchmark::State &state)
 {
     const server_spawnlet_data_t record = record_of(VRF_NAME, 4);
@@ -58,14 +58,14 @@ static void completion(benchmark::State &state)
         state.SetIterationTime(seconds_of([&] { deliver(done, &record); }));
         wait_for_children();
         if (look_up(VRF_NAME, 0) != record.num_entries)
-            give_up("not in the cache");
+            give_up("the record of the completion is not in the cache");
         remove_entry_from_dns_cache(VRF_NAME);
     }
 }
 
 BENCHMARK(completion)->Setup(grow_a_little)->Teardown(shrink)->UseManualTime();
 
-/* Each expired record is resolved anew, as long as there is room for jobs. */
+/* The pass starts a job for each expired record, MAX_SPAWNLETS at most. */
 static void pass(benchmark::State &state)
 {
     const int expired = static_cast<int>(state.range(0));
@@ -77,7 +77,7 @@ static void pass(benchmark::State &state)
         state.SetIterationTime(seconds_of(refresh_dns_cache));
         linux_jobs_started(&after);
         if (after.background - before.background != static_cast<uint64_t>(jobs))
-            give_up("not the jobs that a pass should start");
+            give_up("the pass started the wrong number of jobs");
         for (int i = 0; i < jobs; i++)
             deliver(next_completion(), nullptr);
         wait_for_children();

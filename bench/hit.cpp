@@ -1,6 +1,6 @@
 /*
- * hit.cpp: a lookup that the cache answers, and the least that one can cost: its calls of stat() and printf(), its ways
- * along the list, which it counts and searches, its blocks, and nothing else.
+ * hit.cpp: measures a hit, and the floor of its cost: a function that only makes the same calls of stat() and
+ * printf(), counts and searches a list like the cache, and allocates the blocks of the answer.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,13 +17,13 @@ static void hit(benchmark::State &state)
     linux_jobs_started(&before);
     for (auto _ : state)
         if (look_up(name, 0) != state.range(1))
-            give_up("a hit without its addresses");
+            give_up("a hit returned the wrong number of addresses");
     linux_jobs_started(&after);
     if (after.blocking != before.blocking)
-        give_up("a hit that was none");
+        give_up("a lookup that should be a hit started a job");
 }
 
-/* The floor's own cache, as the library's is: a list of blocks, newest first. */
+/* The floor's cache: like the library's, a list of blocks, newest first. */
 static GList *floor_list;
 
 static void fill_floor_list(int addresses)
@@ -39,7 +39,7 @@ static void fill_floor_list(int addresses)
     }
 }
 
-static void is_logged()
+static void look_for_marker()
 {
     struct stat marker;
     if (stat("/bootflash/.enable_dns_debugs", &marker) == 0)
@@ -53,7 +53,7 @@ static const server_spawnlet_data_t *find(const char *key)
         if (strncmp(record->serv_id, key, sizeof record->serv_id - 1) == 0 && record->status != ENTRY_INVALID)
             return record;
     }
-    give_up("not in the list");
+    give_up("the record is not in the list");
 }
 
 static struct addrinfo *new_node(const server_spawnlet_data_t *record, int i)
@@ -62,45 +62,45 @@ static struct addrinfo *new_node(const server_spawnlet_data_t *record, int i)
         struct addrinfo node;
         alignas(8) uint8_t address[32];
     };
-    auto *made = static_cast<block *>(malloc(sizeof(block)));
-    if (made == nullptr)
+    auto *node_block = static_cast<block *>(malloc(sizeof(block)));
+    if (node_block == nullptr)
         give_up("no memory");
-    *made = {};
-    made->node.ai_family = record->ai_hdr[i].ai_family;
-    made->node.ai_socktype = record->ai_hdr[i].ai_socktype;
-    made->node.ai_addrlen = record->ai_hdr[i].ai_addrlen;
-    made->node.ai_addr = reinterpret_cast<struct sockaddr *>(made->address);
-    const bool ipv6 = made->node.ai_family == AF_INET6;
-    memcpy(made->address, ipv6 ? record->addr6[i] : record->addr[i], ipv6 ? 32 : 16);
-    return &made->node;
+    *node_block = {};
+    node_block->node.ai_family = record->ai_hdr[i].ai_family;
+    node_block->node.ai_socktype = record->ai_hdr[i].ai_socktype;
+    node_block->node.ai_addrlen = record->ai_hdr[i].ai_addrlen;
+    node_block->node.ai_addr = reinterpret_cast<struct sockaddr *>(node_block->address);
+    const bool ipv6 = node_block->node.ai_family == AF_INET6;
+    memcpy(node_block->address, ipv6 ? record->addr6[i] : record->addr[i], ipv6 ? 32 : 16);
+    return &node_block->node;
 }
 
-/* What the library says on a hit, line by line. */
+/* The same trace messages as the library on a hit, in the same order. */
 static struct addrinfo *least_lookup(const char *key)
 {
-    is_logged();
+    look_for_marker();
     printf("cache id = %s\n", key);
-    is_logged();
+    look_for_marker();
     printf("list length : %d\n", static_cast<int>(g_list_length(floor_list)));
-    is_logged();
+    look_for_marker();
     printf("serv_id: %s\n", key);
     const server_spawnlet_data_t *record = find(key);
-    is_logged();
+    look_for_marker();
     printf("Entry Found\n");
-    is_logged();
+    look_for_marker();
     printf("No of entries in server_spawnlet_data_t : %d \n", record->num_entries);
     struct addrinfo *head = nullptr, **tail = &head;
     for (int i = 0; i < record->num_entries; i++) {
         *tail = new_node(record, i);
         if ((*tail)->ai_family == AF_INET6) {
-            is_logged();
+            look_for_marker();
             printf("IPV6 Address here \n");
         }
         tail = &(*tail)->ai_next;
     }
-    is_logged();
+    look_for_marker();
     printf("%s(%d):get_res_back() ret_code is SUCCESS(%d) and res is allocated.", "check_local_cache", 40, 0);
-    is_logged();
+    look_for_marker();
     printf("Found in Local Cache\n");
     return head;
 }
@@ -126,7 +126,7 @@ static void positions(benchmark::internal::Benchmark *lookup)
 BENCHMARK(hit)->Apply(positions);
 BENCHMARK(hit_floor)->Apply(positions);
 
-/* One decoding */
+/* Decoding one record and releasing the chain */
 static void decode(benchmark::State &state)
 {
     server_spawnlet_data_t record = record_of("server", static_cast<int>(state.range(0)));
@@ -135,7 +135,7 @@ static void decode(benchmark::State &state)
     for (auto _ : state) {
         struct addrinfo *chain;
         if (get_res_back(&record, &chain) != 0)
-            give_up("not decoded");
+            give_up("a record was not decoded");
         freeaddrinfo(chain);
     }
 }

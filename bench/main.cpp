@@ -1,6 +1,6 @@
 /*
- * main.cpp: runs the benchmarks. What the library prints goes nowhere, so the results go to standard error and into the
- * file of --benchmark_out.
+ * main.cpp: runs the benchmarks. Standard output, to which the library prints its trace, is /dev/null; therefore the
+ * results go to standard error and into the file of --benchmark_out.
  */
 #include <iostream>
 #include <malloc.h>
@@ -10,7 +10,7 @@
 
 #include "bench/bench.h"
 
-/* What 64 records of four addresses take, once GLib and the C library have what they keep for good. */
+/* Heap of 64 records of four addresses. Filled once before: what GLib and libc keep for good does not count. */
 static size_t heap_of_a_full_cache()
 {
     fill_cache_with(4);
@@ -22,7 +22,7 @@ static size_t heap_of_a_full_cache()
 
 int main(int argc, char **argv)
 {
-    close_range(STDERR_FILENO + 1, ~0U, 0); /* whatever it was started with is not what a daemon has open */
+    close_range(STDERR_FILENO + 1, ~0U, 0); /* inherited descriptors: a daemon has none of them */
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return EXIT_FAILURE;

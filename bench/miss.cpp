@@ -1,6 +1,6 @@
 /*
- * miss.cpp: a lookup that has to fork, for parents that have touched more or less memory; beside it the same by hand, and
- * what an operator has for it.
+ * miss.cpp: measures a miss, by the memory that the parent has touched; the same lookup written by hand; and the
+ * commands that an operator would use.
  */
 #include <fcntl.h>
 #include <sched.h>
@@ -21,16 +21,16 @@ static void miss(benchmark::State &state)
     for (auto _ : state) {
         state.SetIterationTime(seconds_of([&] {
             if (look_up(VRF_NAME, vrf) == 0)
-                give_up("a miss without an answer");
+                give_up("a miss returned no addresses");
         }));
         remove_entry_from_dns_cache(VRF_NAME);
         wait_for_children();
     }
 }
 
-/* By hand: a fork, a pipe, and a record of the answer that is read without waiting for the exit */
+/* By hand: a pipe, a fork, and a read of one record, which does not wait for the exit of the child */
 
-/* The namespace, and the resolver's file, without which another name server would be asked. */
+/* Enters the network namespace, and mounts its resolv.conf: otherwise the child would ask another name server. */
 static void enter_vrf_by_hand()
 {
     const int space = open("/run/netns/vrf1", O_RDONLY | O_CLOEXEC);
@@ -80,7 +80,7 @@ static void miss_by_hand(benchmark::State &state)
     for (auto _ : state) {
         state.SetIterationTime(seconds_of([&] {
             if (!look_up_by_hand(vrf))
-                give_up("no answer by hand");
+                give_up("the lookup by hand failed");
         }));
         wait_for_children();
     }
@@ -99,7 +99,7 @@ static void sizes_and_vrfs(benchmark::internal::Benchmark *lookup)
 BENCHMARK(miss)->Apply(sizes_and_vrfs);
 BENCHMARK(miss_by_hand)->Apply(sizes_and_vrfs);
 
-/* What an operator has today: a process that enters the VRF, and one that resolves. */
+/* The operator's commands: one process that enters the VRF, and one that resolves. */
 
 static void ip_netns_exec(benchmark::State &state)
 {
@@ -107,14 +107,14 @@ static void ip_netns_exec(benchmark::State &state)
     posix_spawn_file_actions_t quiet;
     posix_spawn_file_actions_init(&quiet);
     posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    signal(SIGCHLD, SIG_DFL); /* a lookup that missed has left it ignored */
+    signal(SIGCHLD, SIG_DFL); /* a miss leaves SIGCHLD ignored, and waitpid() would fail */
     for (auto _ : state) {
         pid_t pid;
         int status;
         if (posix_spawnp(&pid, arguments[0], &quiet, nullptr, const_cast<char *const *>(arguments),
                          environ) != 0 ||
             waitpid(pid, &status, 0) != pid || status != 0)
-            give_up("no answer from ip netns exec");
+            give_up("ip netns exec failed");
     }
     posix_spawn_file_actions_destroy(&quiet);
 }

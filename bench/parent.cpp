@@ -1,5 +1,5 @@
 /*
- * parent.cpp: how much memory the process that forks has touched.
+ * parent.cpp: sets how much memory the forking process has touched.
  */
 #include <stdio.h>
 #include <string.h>
@@ -11,24 +11,24 @@
 static void *ballast = MAP_FAILED;
 static size_t ballast_size;
 
-/* What is not a file's: a fork has to copy where each page of it lies. */
+/* Resident memory without pages of files: a fork copies the page tables of this part. */
 static size_t touched_bytes()
 {
-    long resident = 0, of_files = 0;
+    long resident = 0, shared = 0;
     FILE *file = fopen("/proc/self/statm", "re");
-    if (file == nullptr || fscanf(file, "%*d %ld %ld", &resident, &of_files) != 2)
-        give_up("/proc/self/statm");
+    if (file == nullptr || fscanf(file, "%*d %ld %ld", &resident, &shared) != 2)
+        give_up("cannot read /proc/self/statm");
     fclose(file);
-    return static_cast<size_t>(resident - of_files) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return static_cast<size_t>(resident - shared) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-/* In pages of the usual size, as a heap is that has grown bit by bit. */
+/* No huge pages: a heap that has grown bit by bit has none. */
 static void grow_to(size_t wanted)
 {
-    const size_t have = touched_bytes();
-    if (have >= wanted)
-        give_up("the small parent is larger than that");
-    ballast_size = wanted - have;
+    const size_t touched = touched_bytes();
+    if (touched >= wanted)
+        give_up("the process has already touched more memory than this benchmark wants");
+    ballast_size = wanted - touched;
     ballast = mmap(nullptr, ballast_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (ballast == MAP_FAILED || madvise(ballast, ballast_size, MADV_NOHUGEPAGE) != 0)
         give_up("no memory for a large parent");

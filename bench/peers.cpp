@@ -1,6 +1,6 @@
 /*
- * peers.cpp: what else a daemon could call for the two IPv4 and two IPv6 addresses of a name. The resolver libraries are
- * measured where they are installed.
+ * peers.cpp: measures other ways to get the two IPv4 and two IPv6 addresses of a name: libc, libunbound and c-ares.
+ * libunbound and c-ares are measured only if they were installed when the benchmark was built.
  */
 #include <arpa/nameser.h>
 #include <sys/select.h>
@@ -16,16 +16,16 @@
 
 static constexpr int ADDRESSES = 4;
 
-/* The C library */
+/* libc */
 
 static void libc(benchmark::State &state, const char *name)
 {
     struct addrinfo hints = {};
-    hints.ai_socktype = SOCK_DGRAM; /* each address once */
+    hints.ai_socktype = SOCK_DGRAM; /* so that each address is listed once */
     for (auto _ : state) {
         struct addrinfo *chain = nullptr;
         if (getaddrinfo(name, SERVICE, &hints, &chain) != 0 || get_list_length(chain) != ADDRESSES)
-            give_up("not the four addresses from the libc");
+            give_up("libc did not return four addresses");
         if (chain != nullptr)
             freeaddrinfo(chain);
     }
@@ -36,14 +36,14 @@ BENCHMARK_CAPTURE(libc, dns, DNS_NAME);
 
 #ifdef BENCH_UNBOUND
 
-/* A validating resolver in the process, here a cache before the same dnsmasq: every answer but the first is from it. */
+/* A resolver with a cache, inside the process. It forwards to the same dnsmasq, once: then its cache answers. */
 static struct ub_ctx *unbound_context()
 {
     static struct ub_ctx *const context = [] {
         struct ub_ctx *made = ub_ctx_create();
         if (made == nullptr || ub_ctx_set_fwd(made, "127.0.0.1") != 0 ||
             ub_ctx_set_option(made, "do-not-query-localhost:", "no") != 0)
-            give_up("unbound");
+            give_up("libunbound cannot be set up");
         return made;
     }();
     return context;
@@ -64,7 +64,7 @@ static void unbound_cached(benchmark::State &state)
 {
     for (auto _ : state)
         if (unbound_addresses(DNS_NAME, ns_t_a) + unbound_addresses(DNS_NAME, ns_t_aaaa) != ADDRESSES)
-            give_up("not the four addresses from libunbound");
+            give_up("libunbound did not return four addresses");
 }
 
 BENCHMARK(unbound_cached);
@@ -82,7 +82,7 @@ static ares_channel ares()
         ares_channel made;
         if (ares_library_init(ARES_LIB_INIT_ALL) != ARES_SUCCESS ||
             ares_init_options(&made, &options, ARES_OPT_LOOKUPS) != ARES_SUCCESS)
-            give_up("c-ares");
+            give_up("c-ares cannot be set up");
         return made;
     }();
     return channel;
@@ -120,7 +120,7 @@ static void ares_dns(benchmark::State &state)
         ares_getaddrinfo(ares(), DNS_NAME, SERVICE, &hints, count_addresses, &count);
         ares_run();
         if (count != ADDRESSES)
-            give_up("not the four addresses from c-ares");
+            give_up("c-ares did not return four addresses");
     }
 }
 

@@ -1,4 +1,5 @@
-# plots.gnuplot: the plots of docs/performance.md.  gnuplot -e 'points="FOLDER"; plots="PREFIX"' plots.gnuplot
+# plots.gnuplot: draws the plots of docs/performance.md from FOLDER/*.points into PREFIX*.svg.
+# Usage: gnuplot -e 'points="FOLDER"; plots="PREFIX"' plots.gnuplot
 set terminal svg size 640,320 dynamic background rgb 'white' font 'Helvetica,Arial,sans-serif,12' noenhanced
 set key bottom right
 set grid

@@ -1,5 +1,5 @@
 /*
- * trace.cpp: one trace point, with each combination of its sinks. Standard output always is one.
+ * trace.cpp: measures one trace point with each combination of sinks. Standard output is always one of them.
  */
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,15 +12,15 @@ enum { HISTORY = 1, DEBUG_PRINT = 2, LOG_FILE = 4 };
 
 static int standard_error;
 
-/* The debug print goes where standard error leads, so that leads nowhere. */
+/* Redirects standard error, to which the debug print goes, to /dev/null. */
 static void switch_sinks_on(const benchmark::State &state)
 {
     const int64_t sinks = state.range(0);
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const int null_device = open("/dev/null", O_WRONLY | O_CLOEXEC);
     standard_error = dup(STDERR_FILENO);
-    if (nowhere < 0 || standard_error < 0 || dup2(nowhere, STDERR_FILENO) < 0)
+    if (null_device < 0 || standard_error < 0 || dup2(null_device, STDERR_FILENO) < 0)
         give_up("/dev/null");
-    close(nowhere);
+    close(null_device);
     linux_history_enable((sinks & HISTORY) != 0);
     linux_debug_enable((sinks & DEBUG_PRINT) != 0);
     if ((sinks & LOG_FILE) != 0 && close(open(MARKER, O_WRONLY | O_CREAT | O_CLOEXEC, 0600)) != 0)
@@ -38,14 +38,14 @@ static void switch_sinks_off(const benchmark::State &)
         give_up(file_name);
 }
 
-/* A call that does nothing but trace one message. */
+/* This call only traces one message. */
 static void trace_point(benchmark::State &state)
 {
     for (auto _ : state)
         g_list_check_and_prepend(nullptr, nullptr, 0);
     if ((state.range(0) & LOG_FILE) != 0 &&
         (log_file == nullptr || lseek(fileno(log_file), 0, SEEK_END) <= 0))
-        give_up("no debug log");
+        give_up("nothing was written to the debug log");
 }
 
 BENCHMARK(trace_point)
@@ -55,7 +55,7 @@ BENCHMARK(trace_point)
     ->Teardown(switch_sinks_off)
     ->Iterations(2000);
 
-/* A call that does nothing but trace its entry and its exit, which go to the first two sinks only. */
+/* With an empty cache this call only traces its entry and its exit, which go to HISTORY and DEBUG_PRINT only. */
 static void entry_and_exit(benchmark::State &state)
 {
     empty_cache();

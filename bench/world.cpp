@@ -1,5 +1,5 @@
 /*
- * world.cpp: the cache, the clock and the completions of the benchmarks.
+ * world.cpp: fills the cache, sets the library's clock and takes completions for the benchmarks.
  */
 #include <errno.h>
 #include <poll.h>
@@ -14,7 +14,7 @@
 static constexpr int LIFETIME_SECONDS = 60;
 
 static time_t clock_offset;
-static int filled_with; /* addresses of each record, none expired; 0: something else */
+static int filled_with; /* addresses of each record, all fresh; 0: other content */
 
 void give_up(const char *what)
 {
@@ -22,7 +22,7 @@ void give_up(const char *what)
     exit(EXIT_FAILURE);
 }
 
-/* The library's clock: records are made old by being stored long ago. */
+/* Replaces time() for the library: a record stored while clock_offset is negative is old. */
 extern "C" time_t time(time_t *out)
 {
     struct timespec now;
@@ -76,7 +76,7 @@ void start_job(const char *name)
 {
     the_queue();
     if (add_entry_to_dns_cache(name, PORT, 0, nullptr) != 0)
-        give_up("a job was refused");
+        give_up("a job could not be started");
 }
 
 linux_completion next_completion()

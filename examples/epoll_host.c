@@ -3,8 +3,8 @@
  *
  *     epoll_host HOST [PORT [VRF [LIFETIME]]] > /dev/null
  *
- * PORT is 123 by default, VRF 0, and LIFETIME, the seconds that an answer is good for, 60.
- * Its own lines go to standard error, the library's trace to standard output. SIGTERM and SIGINT end it.
+ * Defaults: PORT 123, VRF 0, LIFETIME 60. LIFETIME is how many seconds an answer stays valid.
+ * Its own lines go to standard error, the library's trace to standard output. It exits on SIGTERM and SIGINT.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -26,7 +26,7 @@ struct host {
     uint32_t queue;
     const char *server;
     int port, vrf;
-    struct addrinfo *addresses; /* the last answer, the host's own until there is a newer; NULL: none yet */
+    struct addrinfo *addresses; /* the last answer, which the host frees; NULL: none yet */
 };
 
 static void show_addresses(const struct host *host)
@@ -41,14 +41,14 @@ static void show_addresses(const struct host *host)
     fputc('\n', stderr);
 }
 
-/* Only for a server that the cache has: for any other it would wait, as it may if memory has run out since. */
+/* Called only when the cache has the answer: otherwise the lookup waits. It may still wait if memory has run out. */
 static void look_up(struct host *host)
 {
     char service[12];
     struct addrinfo hints = {0}, *found = NULL;
     snprintf(service, sizeof service, "%d", host->port);
     const int result = getaddrinfo_async_mq3(host->server, service, &hints, host->vrf, &found);
-    if (result != 0) { /* no memory; the last answer is still there */
+    if (result != 0) { /* out of memory; the last answer stays valid */
         fprintf(stderr, "%s: lookup: %d\n", host->server, result);
         return;
     }
@@ -59,15 +59,15 @@ static void look_up(struct host *host)
 }
 
 /*
- * A job that failed left nothing in the cache, so there is nothing to look up: the timer starts the next one. A host of
- * several servers finds whose answer it is in the record, by serv_name, service and vrf.
+ * A job that failed stored nothing in the cache, so there is nothing to look up: the timer starts the next job. A
+ * host with several servers reads serv_name, service and vrf of the record to know which server was resolved.
  */
 static void take_completion(struct host *host, const linux_completion *done)
 {
     const server_spawnlet_data_t *record = done->ret_info;
     dnscache_spawnletcb_job_done(done->handle, done->syserr, done->ret_info, done->ret_info_size,
                                  done->ret_syserr);
-    /* Once more, without the record: had there been no memory for it, the job would count as running for ever. */
+    /* Again without the record: if there was no memory for it, the first call kept the job in the job list. */
     dnscache_spawnletcb_job_done(done->handle, done->syserr, NULL, 0, done->ret_syserr);
     if (done->syserr != LINUX_JOB_OK)
         fprintf(stderr, "%s: %s\n", host->server, errcode2str(done->syserr));
@@ -79,7 +79,7 @@ static void take_completion(struct host *host, const linux_completion *done)
         look_up(host);
 }
 
-/* false: this will not work again. */
+/* Returns false when the queue does not work; a retry would fail, too. */
 static bool take_completions(struct host *host)
 {
     linux_completion done;
@@ -92,8 +92,8 @@ static bool take_completions(struct host *host)
 }
 
 /*
- * The pass resolves anew what has expired. The start is for a server that has no answer, and else starts nothing. A host
- * of more than MAX_SPAWNLETS servers goes on starting them when a completion has come: see dnscache(7).
+ * The refresh pass starts jobs for expired answers. add_entry_to_dns_cache() starts a job only if the cache has no
+ * answer and no job runs. A host with more than MAX_SPAWNLETS servers starts more after completions: see dnscache(7).
  */
 static void keep_fresh(const struct host *host)
 {
@@ -110,27 +110,27 @@ static bool watch(const struct host *host, int fd)
     return fd >= 0 && epoll_ctl(host->loop, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* false: the system refused, errno says why. */
+/* Returns false with errno when a descriptor cannot be opened. */
 static bool open_descriptors(struct host *host, int lifetime)
 {
-    /* More often than answers expire, and at once. */
+    /* Three times per lifetime, the first time at once. */
     const struct itimerspec period = {
         .it_interval = {.tv_sec = lifetime / 3, .tv_nsec = lifetime % 3 * 333333333L},
         .it_value = {.tv_nsec = 1}};
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    sigaddset(&ends, SIGINT);
-    sigprocmask(SIG_BLOCK, &ends, NULL);
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGTERM);
+    sigaddset(&termination, SIGINT);
+    sigprocmask(SIG_BLOCK, &termination, NULL);
     host->queue = linux_queue_create();
     host->loop = epoll_create1(EPOLL_CLOEXEC);
     host->timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    host->signals = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
+    host->signals = signalfd(-1, &termination, SFD_CLOEXEC | SFD_NONBLOCK);
     return host->queue != 0 && host->loop >= 0 && watch(host, (int)host->queue) && watch(host, host->timer) &&
            watch(host, host->signals) && timerfd_settime(host->timer, 0, &period, NULL) == 0;
 }
 
-/* One event a turn: what else is readable still is at the next. */
+/* Handles one event per turn: epoll is level-triggered, so other events are reported again. */
 static int run(struct host *host)
 {
     for (;;) {
@@ -152,7 +152,7 @@ static int run(struct host *host)
     }
 }
 
-/* A decimal number from least to most; -1 is none. */
+/* Returns the decimal number in text; -1 when it is not a number from least to most. */
 static int number(const char *text, long least, long most)
 {
     char *end;

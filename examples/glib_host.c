@@ -3,8 +3,8 @@
  *
  *     glib_host HOST [PORT [VRF [LIFETIME]]] > /dev/null
  *
- * PORT is 123 by default, VRF 0, and LIFETIME, the seconds that an answer is good for, 60.
- * Its own lines go to standard error, the library's trace to standard output. SIGTERM and SIGINT end it.
+ * Defaults: PORT 123, VRF 0, LIFETIME 60. LIFETIME is how many seconds an answer stays valid.
+ * Its own lines go to standard error, the library's trace to standard output. It exits on SIGTERM and SIGINT.
  */
 #include <arpa/inet.h>
 #include <glib-unix.h>
@@ -22,7 +22,7 @@ struct host {
     uint32_t queue;
     const char *server;
     int port, vrf;
-    struct addrinfo *addresses; /* the last answer, the host's own until there is a newer; NULL: none yet */
+    struct addrinfo *addresses; /* the last answer, which the host frees; NULL: none yet */
     int exit_code;
 };
 
@@ -38,14 +38,14 @@ static void show_addresses(const struct host *host)
     fputc('\n', stderr);
 }
 
-/* Only for a server that the cache has: for any other it would wait, as it may if memory has run out since. */
+/* Called only when the cache has the answer: otherwise the lookup waits. It may still wait if memory has run out. */
 static void look_up(struct host *host)
 {
     char service[12];
     struct addrinfo hints = {0}, *found = NULL;
     snprintf(service, sizeof service, "%d", host->port);
     const int result = getaddrinfo_async_mq3(host->server, service, &hints, host->vrf, &found);
-    if (result != 0) { /* no memory; the last answer is still there */
+    if (result != 0) { /* out of memory; the last answer stays valid */
         fprintf(stderr, "%s: lookup: %d\n", host->server, result);
         return;
     }
@@ -56,15 +56,15 @@ static void look_up(struct host *host)
 }
 
 /*
- * A job that failed left nothing in the cache, so there is nothing to look up: the timer starts the next one. A host of
- * several servers finds whose answer it is in the record, by serv_name, service and vrf.
+ * A job that failed stored nothing in the cache, so there is nothing to look up: the timer starts the next job. A
+ * host with several servers reads serv_name, service and vrf of the record to know which server was resolved.
  */
 static void take_completion(struct host *host, const linux_completion *done)
 {
     const server_spawnlet_data_t *record = done->ret_info;
     dnscache_spawnletcb_job_done(done->handle, done->syserr, done->ret_info, done->ret_info_size,
                                  done->ret_syserr);
-    /* Once more, without the record: had there been no memory for it, the job would count as running for ever. */
+    /* Again without the record: if there was no memory for it, the first call kept the job in the job list. */
     dnscache_spawnletcb_job_done(done->handle, done->syserr, NULL, 0, done->ret_syserr);
     if (done->syserr != LINUX_JOB_OK)
         fprintf(stderr, "%s: %s\n", host->server, errcode2str(done->syserr));
@@ -93,8 +93,8 @@ static gboolean queue_is_readable(gint queue, GIOCondition condition, gpointer d
 }
 
 /*
- * The pass resolves anew what has expired. The start is for a server that has no answer, and else starts nothing. A host
- * of more than MAX_SPAWNLETS servers goes on starting them when a completion has come: see dnscache(7).
+ * The refresh pass starts jobs for expired answers. add_entry_to_dns_cache() starts a job only if the cache has no
+ * answer and no job runs. A host with more than MAX_SPAWNLETS servers starts more after completions: see dnscache(7).
  */
 static gboolean keep_fresh(gpointer data)
 {
@@ -120,7 +120,7 @@ static void run(struct host *host, int lifetime)
         g_unix_signal_add(SIGTERM, signal_arrived, host->loop),
         g_unix_signal_add(SIGINT, signal_arrived, host->loop),
         g_unix_fd_add((gint)host->queue, G_IO_IN, queue_is_readable, host),
-        g_timeout_add((guint)lifetime * 1000 / 3, keep_fresh, host), /* more often than answers expire */
+        g_timeout_add((guint)lifetime * 1000 / 3, keep_fresh, host), /* three times per lifetime */
     };
     keep_fresh(host);
     g_main_loop_run(host->loop);
@@ -129,7 +129,7 @@ static void run(struct host *host, int lifetime)
     g_main_loop_unref(host->loop);
 }
 
-/* A decimal number from least to most; -1 is none. */
+/* Returns the decimal number in text; -1 when it is not a number from least to most. */
 static int number(const char *text, long least, long most)
 {
     char *end;
