@@ -59,7 +59,7 @@ void wait_for_children();
 /* look_up: look a name up and release the answer. Returns the number of addresses; 0 when the lookup failed. */
 int look_up(const char *name, int vrf);
 
-/* grow, shrink: set-up and teardown of a benchmark whose first argument is the touched memory of the process in MB. */
+/* grow, shrink: set-up and teardown of a benchmark whose first argument is the process's touched memory in MB. */
 void grow(const benchmark::State &state);
 void shrink(const benchmark::State &state);
 

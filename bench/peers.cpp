@@ -36,7 +36,7 @@ BENCHMARK_CAPTURE(libc, dns, DNS_NAME);
 
 #ifdef BENCH_UNBOUND
 
-/* A resolver with a cache, inside the process. It forwards to the same dnsmasq, once: then its cache answers. */
+/* A resolver with a cache, in the process. It asks the same dnsmasq once for each type; then its cache answers. */
 static struct ub_ctx *unbound_context()
 {
     static struct ub_ctx *const context = [] {
