@@ -15,12 +15,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern "C" {
-#include <sys/pidfd.h> /* older C libraries forgot to say it themselves */
-}
-
+#include "platform/linux/descriptors.h"
 #include "platform/linux/linux_platform.h"
+#include "platform/linux/monotonic_clock.h"
+#include "platform/linux/pidfd.h"
+#include "platform/linux/spawnlet_child.h"
 #include "platform/linux/spawnlet_jobs.h"
+#include "platform/linux/spawnlet_queue.h"
 
 static_assert(sizeof(job_options) == 44);
 
@@ -62,7 +63,7 @@ static uint32_t new_handle()
     for (;;) {
         last++;
         bool is_taken = last == 0;
-        for (const job &job : all_jobs())
+        for (const spawnlet_job &job : all_jobs())
             is_taken = is_taken || (job.state != JOB_FREE && job.handle == last);
         if (!is_taken)
             return last;
@@ -117,7 +118,7 @@ static pid_t fork_child(const child_plan *plan, int *pidfd)
 }
 
 /* On success the slot is RUNNING, and its child waits at the gate. */
-static uint32_t fork_into(job *slot, child_plan *plan)
+static uint32_t fork_into(spawnlet_job *slot, child_plan *plan)
 {
     int channel[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0)
@@ -154,11 +155,11 @@ static bool open_gate(int channel)
 }
 
 /* NULL: not started, and *code says why. */
-static job *start_job(child_plan *plan, const job_options *options, uint32_t handle, uint32_t *code)
+static spawnlet_job *start_job(child_plan *plan, const job_options *options, uint32_t handle, uint32_t *code)
 {
     const int seconds = seconds_allowed(options);
     const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
-    job *slot = free_slot(handle == 0 ? deadline_ns : 0); /* a start in the background does not wait */
+    spawnlet_job *slot = free_slot(handle == 0 ? deadline_ns : 0); /* a start in the background does not wait */
     if (slot == nullptr) {
         *code = LINUX_JOB_NO_RESOURCES;
         return nullptr;
@@ -183,7 +184,7 @@ static job *start_job(child_plan *plan, const job_options *options, uint32_t han
 
 /* The two calls */
 
-static void wait_for(job *job)
+static void wait_for(spawnlet_job *job)
 {
     while (!job_advance(job)) {
         struct pollfd either[] = {{.fd = job->channel, .events = POLLIN, .revents = 0},
@@ -205,7 +206,7 @@ uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint
 
     child_plan plan = {.body = body, .arg = arg, .in = in, .out = out, .err = err};
     uint32_t code;
-    job *job = start_job(&plan, options, 0, &code);
+    spawnlet_job *job = start_job(&plan, options, 0, &code);
     if (job == nullptr)
         return code;
     counters.blocking++;
@@ -229,7 +230,7 @@ uint32_t spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int, const job_
         return LINUX_JOB_BAD_ARGUMENT;
     child_plan plan = {.body = body, .arg = arg, .in = in, .out = out, .err = err};
     uint32_t code;
-    const job *job = start_job(&plan, options, new_handle(), &code);
+    const spawnlet_job *job = start_job(&plan, options, new_handle(), &code);
     if (job == nullptr)
         return code;
     counters.background++;

@@ -5,6 +5,8 @@
  * daemon: signal handlers, descriptors, text that waits in buffers. It leaves by _exit(), since exit handlers
  * are the daemon's too.
  */
+#include "platform/linux/spawnlet_child.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -22,8 +24,10 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include "platform/linux/descriptors.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/spawnlet_jobs.h"
+#include "platform/linux/spawnlet_wire.h"
 #include "platform/linux/vrf_binding.h"
 
 /* The channel to the parent; -1 in every process that is not the child of a job. */

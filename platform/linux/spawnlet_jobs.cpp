@@ -1,52 +1,26 @@
 /*
- * spawnlet_jobs.cpp: the table of jobs, the clock, and how a job moves on from its start to the end of its child.
+ * spawnlet_jobs.cpp: the job table, and the states of a job from its start until its child is reaped.
  */
 #include "platform/linux/spawnlet_jobs.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-extern "C" {
-#include <sys/pidfd.h> /* older C libraries forgot to say it themselves */
-}
-
 #include "platform/linux/linux_platform.h"
+#include "platform/linux/monotonic_clock.h"
+#include "platform/linux/pidfd.h"
 
-static constexpr int64_t ns_per_ms = 1'000'000;
-static constexpr int portions_max = 32; /* of one look: a whole hand-back, and then the clock is looked at */
+/* Of one job_advance(): enough for the largest hand-back. Then the deadline is checked. */
+static constexpr int portions_max = 32;
 
-static job jobs[LINUX_JOBS_MAX];
+static spawnlet_job jobs[LINUX_JOBS_MAX];
 
-std::span<job> all_jobs()
+std::span<spawnlet_job> all_jobs()
 {
     return jobs;
-}
-
-int64_t monotonic_ns()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * ns_per_second + now.tv_nsec;
-}
-
-int ms_until(int64_t deadline_ns)
-{
-    const int64_t left_ms = (deadline_ns - monotonic_ns() + ns_per_ms - 1) / ns_per_ms;
-    return left_ms > 0 ? static_cast<int>(left_ms) : 0;
-}
-
-int above_streams(int fd)
-{
-    if (fd < 0 || fd > STDERR_FILENO)
-        return fd;
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(fd);
-    return moved;
 }
 
 static bool is_readable(int fd)
@@ -69,9 +43,9 @@ static uint32_t code_of(wire_state state)
     }
 }
 
-bool job_advance(job *job)
+bool job_advance(spawnlet_job *job)
 {
-    /* Asked before the channel is read, so that nothing which the child wrote before its end is missed. */
+    /* Checked before the channel is read: everything that the child wrote before it exited is then read below. */
     const bool has_exited = is_readable(job->pidfd);
     wire_input input = WIRE_INPUT_BYTES;
     for (int i = 0; i < portions_max && input == WIRE_INPUT_BYTES && job->reader.state == WIRE_READING; i++)
@@ -79,7 +53,7 @@ bool job_advance(job *job)
     if (job->reader.state != WIRE_READING)
         job->code = code_of(job->reader.state);
     else if (input == WIRE_INPUT_END || (input == WIRE_INPUT_NONE && has_exited))
-        job->code = LINUX_JOB_NO_RESULT; /* a grandchild may hold the channel open: the child's end decides */
+        job->code = LINUX_JOB_NO_RESULT; /* a grandchild may keep the channel open, so the child's exit decides */
     else if (monotonic_ns() >= job->deadline_ns)
         job->code = LINUX_JOB_TIMED_OUT;
     else
@@ -87,7 +61,7 @@ bool job_advance(job *job)
     return true;
 }
 
-void job_retire(job *job)
+void job_retire(spawnlet_job *job)
 {
     if (job->code != LINUX_JOB_OK)
         pidfd_send_signal(job->pidfd, SIGKILL, nullptr, 0);
@@ -101,7 +75,7 @@ void job_retire(job *job)
 
 void jobs_reap()
 {
-    for (job &job : jobs) {
+    for (spawnlet_job &job : jobs) {
         if (job.state != JOB_LEAVING)
             continue;
         siginfo_t exited = {};
@@ -116,15 +90,15 @@ void jobs_reap()
 }
 
 /*
- * Children can leave more slowly than new ones start, when their parent is large. Waits until one has left or has to be
- * made to leave. false: none is leaving.
+ * The children of a large parent can exit more slowly than new ones start. This waits until one has exited or reaches its
+ * deadline and must be killed. Returns false if none is leaving.
  */
 static bool wait_for_leaver(int64_t deadline_ns)
 {
     struct pollfd leaving[LINUX_JOBS_MAX];
     nfds_t count = 0;
     const int64_t now_ns = monotonic_ns();
-    for (const job &job : jobs) {
+    for (const spawnlet_job &job : jobs) {
         if (job.state != JOB_LEAVING)
             continue;
         leaving[count++] = {.fd = job.pidfd, .events = POLLIN, .revents = 0};
@@ -136,19 +110,19 @@ static bool wait_for_leaver(int64_t deadline_ns)
     return count > 0;
 }
 
-static job *find_free_slot()
+static spawnlet_job *find_free_slot()
 {
-    for (job &job : jobs)
+    for (spawnlet_job &job : jobs)
         if (job.state == JOB_FREE)
             return &job;
     return nullptr;
 }
 
-job *free_slot(int64_t deadline_ns)
+spawnlet_job *free_slot(int64_t deadline_ns)
 {
     for (;;) {
         jobs_reap();
-        job *slot = find_free_slot();
+        spawnlet_job *slot = find_free_slot();
         if (slot != nullptr || monotonic_ns() >= deadline_ns || !wait_for_leaver(deadline_ns))
             return slot;
     }

@@ -5,20 +5,25 @@
  * that is set to the earliest of their deadlines. It holds no completions: taking one means to look at the
  * jobs, in turn, and to end the first that is over. So nothing can be lost between a job and its completion.
  */
+#include "platform/linux/spawnlet_queue.h"
+
 #include <errno.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "platform/linux/descriptors.h"
 #include "platform/linux/linux_platform.h"
-#include "platform/linux/spawnlet_jobs.h"
+#include "platform/linux/monotonic_clock.h"
+#include "platform/linux/spawnlet_child.h"
+#include "platform/spawnlet.h"
 
 static int registered_queue = -1;
 static int deadline_timer = -1;
 static unsigned char *delivered_handback; /* of the last completion */
 
-static bool is_in_background(const job &job)
+static bool is_in_background(const spawnlet_job &job)
 {
     return job.state == JOB_RUNNING && job.handle != 0;
 }
@@ -62,7 +67,7 @@ void queue_set_timer()
     if (registered_queue < 0)
         return;
     int64_t earliest = INT64_MAX;
-    for (const job &job : all_jobs())
+    for (const spawnlet_job &job : all_jobs())
         if (is_in_background(job) && job.deadline_ns < earliest)
             earliest = job.deadline_ns;
     if (earliest == INT64_MAX)
@@ -75,7 +80,7 @@ void queue_set_timer()
     timerfd_settime(deadline_timer, TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
-bool queue_watch(const job *job)
+bool queue_watch(const spawnlet_job *job)
 {
     if (registered_queue < 0)
         return true;
@@ -89,7 +94,7 @@ bool queue_watch(const job *job)
     return true;
 }
 
-void queue_unwatch(const job *job)
+void queue_unwatch(const spawnlet_job *job)
 {
     drop_from_queue(job->channel);
     drop_from_queue(job->pidfd);
@@ -110,7 +115,7 @@ uint32_t spawnlet_register_async_q(uint32_t queue)
         return LINUX_JOB_BAD_ARGUMENT;
     registered_queue = static_cast<int>(queue);
     /* Either descriptor tells of the end; and a host with a queue that is late for one job is better off than without. */
-    for (const job &job : all_jobs())
+    for (const spawnlet_job &job : all_jobs())
         if (is_in_background(job)) {
             add_to_queue(job.channel);
             add_to_queue(job.pidfd);
@@ -119,7 +124,7 @@ uint32_t spawnlet_register_async_q(uint32_t queue)
     return LINUX_JOB_OK;
 }
 
-static void complete(job *job, linux_completion *completion)
+static void complete(spawnlet_job *job, linux_completion *completion)
 {
     *completion = {};
     completion->handle = job->handle;
@@ -149,7 +154,7 @@ int linux_queue_next(uint32_t queue, linux_completion *completion)
     static uint32_t turn; /* where to look first, so that no busy job keeps the others waiting */
     int taken = 0;
     for (uint32_t i = 0; i < LINUX_JOBS_MAX && taken == 0; i++) {
-        job *job = &all_jobs()[turn++ % LINUX_JOBS_MAX];
+        spawnlet_job *job = &all_jobs()[turn++ % LINUX_JOBS_MAX];
         if (is_in_background(*job) && job_advance(job)) {
             complete(job, completion);
             taken = 1;
