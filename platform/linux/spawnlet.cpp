@@ -159,7 +159,8 @@ static spawnlet_job *start_job(child_plan *plan, const job_options *options, uin
 {
     const int seconds = seconds_allowed(options);
     const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
-    spawnlet_job *slot = free_slot(handle == 0 ? deadline_ns : 0); /* a start in the background does not wait */
+    spawnlet_job *slot =
+        free_slot(handle == 0 ? deadline_ns : 0); /* a start in the background does not wait */
     if (slot == nullptr) {
         *code = LINUX_JOB_NO_RESOURCES;
         return nullptr;

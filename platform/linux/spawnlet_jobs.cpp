@@ -53,7 +53,8 @@ bool job_advance(spawnlet_job *job)
     if (job->reader.state != WIRE_READING)
         job->code = code_of(job->reader.state);
     else if (input == WIRE_INPUT_END || (input == WIRE_INPUT_NONE && has_exited))
-        job->code = LINUX_JOB_NO_RESULT; /* a grandchild may keep the channel open, so the child's exit decides */
+        job->code =
+            LINUX_JOB_NO_RESULT; /* a grandchild may keep the channel open, so the child's exit decides */
     else if (monotonic_ns() >= job->deadline_ns)
         job->code = LINUX_JOB_TIMED_OUT;
     else

@@ -22,8 +22,8 @@ enum job_state { JOB_FREE, JOB_RUNNING, JOB_LEAVING };
 struct spawnlet_job {
     job_state state;
     uint32_t handle; /* 0: spawnlet_fork_fp() is waiting for this job */
-    int pidfd;       /* the pid may be reused after the child has exited; only the pidfd names the child safely */
-    int channel;     /* parent's end */
+    int pidfd;   /* the pid may be reused after the child has exited; only the pidfd names the child safely */
+    int channel; /* parent's end */
     int64_t deadline_ns;
     uint32_t code; /* LINUX_JOB_..., valid once job_advance() has returned true */
     wire_reader reader;

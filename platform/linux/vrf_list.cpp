@@ -1,28 +1,24 @@
 /*
- * vrf_list.cpp: which VRFs this machine has.
+ * vrf_list.cpp: the VRFs of this machine: the numbers in the names of namespaces and devices. vrf_find() decides what
+ * each of them is.
  */
 #include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
-#include <linux/nsfs.h>
 #include <net/if.h>
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include "platform/linux/linux_platform.h"
-#include "platform/linux/vrf_binding.h"
+#include "platform/linux/vrf_find.h"
 
 struct vrf_table {
     linux_vrf *vrfs;
     size_t count;
-    bool is_full; /* no memory for more */
+    bool is_incomplete; /* out of memory */
 };
 
-/* The number in "vrfN"; 0 when it is another name, VRF 0 having none. */
+/* The number in "vrfN"; 0 for any other name: VRF 0 has no name. */
 static int32_t number_in(const char *name)
 {
     char again[VRF_NAME_BYTES + 8];
@@ -33,29 +29,14 @@ static int32_t number_in(const char *name)
     return strcmp(name, again) == 0 ? static_cast<int32_t>(number) : 0;
 }
 
-/* The first to name a VRF decides its kind. */
-static void add(vrf_table *table, int32_t vrf, linux_vrf_kind kind)
+static void add(vrf_table *table, int32_t vrf)
 {
-    for (size_t i = 0; i < table->count; i++)
-        if (table->vrfs[i].vrf == vrf)
-            return;
     void *larger = realloc(table->vrfs, (table->count + 1) * sizeof *table->vrfs);
-    table->is_full = table->is_full || larger == nullptr;
+    table->is_incomplete = table->is_incomplete || larger == nullptr;
     if (larger == nullptr)
         return;
     table->vrfs = static_cast<linux_vrf *>(larger);
-    table->vrfs[table->count++] = {.vrf = vrf, .kind = kind};
-}
-
-static linux_vrf_kind kind_of(const char *name)
-{
-    char path[sizeof LINUX_VRF_NAMESPACES "/" + VRF_NAME_BYTES];
-    snprintf(path, sizeof path, LINUX_VRF_NAMESPACES "/%.*s", VRF_NAME_BYTES, name);
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    const bool is_namespace = fd >= 0 && ioctl(fd, NS_GET_NSTYPE) == CLONE_NEWNET;
-    if (fd >= 0)
-        close(fd);
-    return is_namespace ? LINUX_VRF_NAMESPACE : LINUX_VRF_UNUSABLE;
+    table->vrfs[table->count++] = {.vrf = vrf, .kind = LINUX_VRF_HOST};
 }
 
 static bool add_namespaces(vrf_table *table)
@@ -67,7 +48,7 @@ static bool add_namespaces(vrf_table *table)
     while ((errno = 0, entry = readdir(names)) != nullptr) {
         const int32_t vrf = number_in(entry->d_name);
         if (vrf != 0)
-            add(table, vrf, kind_of(entry->d_name));
+            add(table, vrf);
     }
     const int error = errno;
     closedir(names);
@@ -83,7 +64,7 @@ static bool add_devices(vrf_table *table)
     for (const struct if_nameindex *device = devices; device->if_index != 0; device++) {
         const int32_t vrf = number_in(device->if_name);
         if (vrf != 0)
-            add(table, vrf, LINUX_VRF_DEVICE);
+            add(table, vrf);
     }
     if_freenameindex(devices);
     return true;
@@ -96,16 +77,42 @@ static int by_number(const void *left, const void *right)
     return a < b ? -1 : a > b;
 }
 
+/* Returns false when the network has vanished since its name was read. */
+static bool find_kind(linux_vrf *vrf)
+{
+    vrf_network network;
+    if (vrf->vrf == 0)
+        return true;
+    if (vrf_find(vrf->vrf, &network) == 0)
+        vrf_release(&network);
+    vrf->kind = network.kind;
+    return !network.is_missing;
+}
+
+/* A VRF that has both a namespace and a device is in the table twice. */
+static void remove_duplicates_and_missing(vrf_table *table)
+{
+    size_t kept = 0;
+    for (size_t i = 0; i < table->count; i++) {
+        linux_vrf vrf = table->vrfs[i];
+        const bool is_duplicate = i > 0 && vrf.vrf == table->vrfs[i - 1].vrf;
+        if (!is_duplicate && find_kind(&vrf))
+            table->vrfs[kept++] = vrf;
+    }
+    table->count = kept;
+}
+
 linux_vrf *linux_vrf_list(size_t *count)
 {
-    const int error = errno; /* to be left alone by a call that succeeds */
-    vrf_table table = {.vrfs = nullptr, .count = 0, .is_full = false};
-    add(&table, 0, LINUX_VRF_HOST);
-    if (!add_namespaces(&table) || !add_devices(&table) || table.is_full) {
+    const int error = errno; /* a successful call leaves errno unchanged */
+    vrf_table table = {.vrfs = nullptr, .count = 0, .is_incomplete = false};
+    add(&table, 0);
+    if (!add_namespaces(&table) || !add_devices(&table) || table.is_incomplete) {
         free(table.vrfs);
         return nullptr;
     }
     qsort(table.vrfs, table.count, sizeof *table.vrfs, by_number);
+    remove_duplicates_and_missing(&table);
     *count = table.count;
     errno = error;
     return table.vrfs;
