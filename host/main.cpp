@@ -63,7 +63,7 @@ static bool check_vrf(struct session *run, int32_t vrf)
         run->bound_vrf = vrf;
         return true;
     }
-    fprintf(stderr, "dnscache-lookup: %s\n", problem);
+    fprintf(stderr, "dnscache-lookup: cannot bind to VRF %d: %s\n", vrf, problem);
     note(run, LOOKUP_NO_VRF);
     return false;
 }

@@ -3,20 +3,13 @@
  */
 #include "host/vrfs.h"
 
-#include <errno.h>
 #include <glib.h>
 #include <json-glib/json-glib.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include "host/output.h"
 #include "platform/linux/linux_platform.h"
-#include "platform/nsbind.h"
-#include "platform/spawnlet.h"
-
-static constexpr int32_t BINDING_SECONDS = 10;
 
 static const char *kind_name(linux_vrf_kind kind)
 {
@@ -99,41 +92,8 @@ bool print_vrfs(FILE *out, enum vrf_format format)
     return true;
 }
 
-static int bind_only(void *vrf)
-{
-    return nsbind_set_global_context(*static_cast<const int32_t *>(vrf));
-}
-
-/* The child writes its reason to this file, and may then end itself. */
-static char *bind_in_a_job(int32_t vrf, FILE *reason)
-{
-    job_options options = {};
-    options.record_size = sizeof options;
-    options.timeout_secs = BINDING_SECONDS;
-    options.option_flag = 1;
-    void *nothing;
-    uint32_t size;
-    int32_t result;
-    const uint32_t code =
-        spawnlet_fork_fp(bind_only, &vrf, &nothing, &size, &result, &options, nullptr, nullptr, reason);
-    if (code == LINUX_JOB_OK && result == 0)
-        return nullptr;
-    char line[BUFSIZ];
-    rewind(reason);
-    if (fgets(line, sizeof line, reason) != nullptr)
-        return printable_text(g_strchomp(line));
-    return g_strdup_printf("cannot bind to VRF %d: %s", vrf, errcode2str(code));
-}
-
 char *explain_vrf(int32_t vrf)
 {
-    const int fd = memfd_create("reason", MFD_CLOEXEC);
-    FILE *reason = fd >= 0 ? fdopen(fd, "w+") : nullptr;
-    char *problem = reason != nullptr ? bind_in_a_job(vrf, reason)
-                                      : g_strdup_printf("cannot bind to VRF %d: %s", vrf, g_strerror(errno));
-    if (reason != nullptr)
-        fclose(reason);
-    else if (fd >= 0)
-        close(fd);
-    return problem;
+    char reason[LINUX_HISTORY_BYTES];
+    return linux_vrf_check(vrf, reason, sizeof reason) == 0 ? nullptr : printable_text(reason);
 }

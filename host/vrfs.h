@@ -13,9 +13,9 @@ enum vrf_format : int { VRFS_AS_TEXT, VRFS_AS_JSON };
 bool print_vrfs(FILE *out, enum vrf_format format);
 
 /*
- * explain_vrf: try in a child to bind to a VRF. A lookup would only say that the name was not found.
+ * explain_vrf: why no job can be bound to a VRF. A lookup there would only report that the name was not found.
  *
- * Returns NULL when it can be bound to, or why not, to be freed.
+ * Returns the reason in printable characters, released with g_free(); NULL when a job can be bound.
  */
 char *explain_vrf(int32_t vrf);
 

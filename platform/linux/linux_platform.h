@@ -142,6 +142,18 @@ typedef struct {
  */
 linux_vrf *linux_vrf_list(size_t *count);
 
+/*
+ * linux_vrf_check: try whether a job can be bound to a VRF now. It tries in a child, and waits for at most 10 seconds.
+ * That child is a blocking job: linux_jobs_started() counts it, and the buffer that the last spawnlet_fork_fp() returned
+ * becomes invalid. It uses no network, and writes neither to standard error nor to the event history.
+ *
+ * reason, size  receives "" or the reason why not, NUL-terminated, cut to size; NULL with 0 for none.
+ *               LINUX_HISTORY_BYTES are enough for every reason
+ *
+ * Returns 0 when a job can be bound to it; -1 when not. errno stays as it was.
+ */
+int linux_vrf_check(int32_t vrf, char *reason, size_t size);
+
 /* linux_partition_set: the device partition number, 0 at start. */
 void linux_partition_set(uint32_t partition);
 

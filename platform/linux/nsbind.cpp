@@ -86,16 +86,12 @@ int vrf_bind(int32_t vrf)
         return 0;
     if (bound_vrf != 0)
         return vrf_failed(EBUSY, "bound before");
-    const int error = enter(vrf);
-    if (error == 0)
-        bound_vrf = vrf;
-    return error;
+    return enter(vrf);
 }
 
 static void leave_every_network()
 {
-    const struct rlimit streams_only = {3,
-                                        3}; /* with a lower limit, poll() on the three streams would fail */
+    const struct rlimit streams_only = {3, 3}; /* with fewer, poll() on the streams would fail */
     if (vrf_forget_nscd() != 0 || setrlimit(RLIMIT_NOFILE, &streams_only) != 0)
         _exit(EXIT_FAILURE);
     if (unshare(CLONE_NEWNET) == 0)
@@ -115,8 +111,10 @@ static void report(const char *what, int32_t vrf)
 int nsbind_set_global_context(int32_t vrf)
 {
     const int error = vrf_bind(vrf);
-    if (error == 0)
+    if (error == 0) {
+        bound_vrf = vrf;
         return 0;
+    }
     report("cannot bind to", vrf);
     if (bound_vrf != NO_VRF)
         leave_every_network();

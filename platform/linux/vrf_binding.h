@@ -18,7 +18,10 @@ int vrf_failed(int error, const char *format, ...) __attribute__((format(printf,
 /* vrf_problem: the last reason that vrf_failed() stored. */
 const char *vrf_problem();
 
-/* vrf_bind: all steps. Does nothing when the process is bound to this VRF already; EBUSY when to another one. */
+/*
+ * vrf_bind: call all steps. Does nothing when nsbind_set_global_context() has bound the process to this VRF already;
+ * EBUSY when it has bound it to another one.
+ */
 int vrf_bind(int32_t vrf);
 
 /*
