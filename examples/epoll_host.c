@@ -3,7 +3,7 @@
  *
  *     epoll_host HOST [PORT [VRF [LIFETIME]]] > /dev/null
  *
- * Defaults: PORT 123, VRF 0, LIFETIME 60. LIFETIME is how many seconds an answer stays valid.
+ * The defaults are PORT 123, VRF 0, and a LIFETIME of 60, in seconds: the host refreshes an answer that is older.
  * Its own lines go to standard error, the library's trace to standard output. It exits on SIGTERM and SIGINT.
  */
 #include <arpa/inet.h>
@@ -26,7 +26,7 @@ struct host {
     uint32_t queue;
     const char *server;
     int port, vrf;
-    struct addrinfo *addresses; /* the last answer, which the host frees; NULL: none yet */
+    struct addrinfo *addresses; /* the last answer, which the host owns; NULL: none yet */
 };
 
 static void show_addresses(const struct host *host)
@@ -41,14 +41,14 @@ static void show_addresses(const struct host *host)
     fputc('\n', stderr);
 }
 
-/* Called only when the cache has the answer: otherwise the lookup waits. It may still wait if memory has run out. */
+/* Call it only for a server in the cache. For any other it waits, as it may when memory has run out since. */
 static void look_up(struct host *host)
 {
     char service[12];
     struct addrinfo hints = {0}, *found = NULL;
     snprintf(service, sizeof service, "%d", host->port);
     const int result = getaddrinfo_async_mq3(host->server, service, &hints, host->vrf, &found);
-    if (result != 0) { /* out of memory; the last answer stays valid */
+    if (result != 0) { /* out of memory; the last answer is kept */
         fprintf(stderr, "%s: lookup: %d\n", host->server, result);
         return;
     }
@@ -59,16 +59,14 @@ static void look_up(struct host *host)
 }
 
 /*
- * A job that failed stored nothing in the cache, so there is nothing to look up: the timer starts the next job. A
- * host with several servers reads serv_name, service and vrf of the record to know which server was resolved.
+ * Called once the library has the answer. A job that failed has stored nothing in the cache, so there is nothing to look
+ * up: the timer starts the next job. A host of several servers finds in the record whose answer it is: serv_name, service
+ * and vrf.
  */
-static void take_completion(struct host *host, const linux_completion *done)
+static void completion_delivered(const linux_completion *done, void *data)
 {
+    struct host *host = data;
     const server_spawnlet_data_t *record = done->ret_info;
-    dnscache_spawnletcb_job_done(done->handle, done->syserr, done->ret_info, done->ret_info_size,
-                                 done->ret_syserr);
-    /* Again without the record: if there was no memory for it, the first call kept the job in the job list. */
-    dnscache_spawnletcb_job_done(done->handle, done->syserr, NULL, 0, done->ret_syserr);
     if (done->syserr != LINUX_JOB_OK)
         fprintf(stderr, "%s: %s\n", host->server, errcode2str(done->syserr));
     else if (done->ret_syserr != 0)
@@ -79,21 +77,18 @@ static void take_completion(struct host *host, const linux_completion *done)
         look_up(host);
 }
 
-/* Returns false when the queue does not work; a retry would fail, too. */
+/* Returns false when the queue cannot be used any more. */
 static bool take_completions(struct host *host)
 {
-    linux_completion done;
-    int taken;
-    while ((taken = linux_queue_next(host->queue, &done)) == 1)
-        take_completion(host, &done);
-    if (taken < 0)
-        perror("linux_queue_next");
-    return taken == 0;
+    if (linux_queue_dispatch(host->queue, dnscache_spawnletcb_job_done, completion_delivered, host) >= 0)
+        return true;
+    perror("linux_queue_dispatch");
+    return false;
 }
 
 /*
- * The refresh pass starts jobs for expired answers. add_entry_to_dns_cache() starts a job only if the cache has no
- * answer and no job runs. A host with more than MAX_SPAWNLETS servers starts more after completions: see dnscache(7).
+ * refresh_dns_cache() resolves expired answers again. add_entry_to_dns_cache() starts a job only if the server has no
+ * answer. A host of more than MAX_SPAWNLETS servers starts the remaining jobs as completions arrive: see dnscache(7).
  */
 static void keep_fresh(const struct host *host)
 {
@@ -110,27 +105,27 @@ static bool watch(const struct host *host, int fd)
     return fd >= 0 && epoll_ctl(host->loop, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* Returns false with errno when a descriptor cannot be opened. */
+/* Returns false with errno. */
 static bool open_descriptors(struct host *host, int lifetime)
 {
-    /* Three times per lifetime, the first time at once. */
+    /* Expires at once, and then three times in each lifetime of an answer. */
     const struct itimerspec period = {
         .it_interval = {.tv_sec = lifetime / 3, .tv_nsec = lifetime % 3 * 333333333L},
         .it_value = {.tv_nsec = 1}};
-    sigset_t termination;
-    sigemptyset(&termination);
-    sigaddset(&termination, SIGTERM);
-    sigaddset(&termination, SIGINT);
-    sigprocmask(SIG_BLOCK, &termination, NULL);
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    sigprocmask(SIG_BLOCK, &ends, NULL);
     host->queue = linux_queue_create();
     host->loop = epoll_create1(EPOLL_CLOEXEC);
     host->timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    host->signals = signalfd(-1, &termination, SFD_CLOEXEC | SFD_NONBLOCK);
+    host->signals = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
     return host->queue != 0 && host->loop >= 0 && watch(host, (int)host->queue) && watch(host, host->timer) &&
            watch(host, host->signals) && timerfd_settime(host->timer, 0, &period, NULL) == 0;
 }
 
-/* Handles one event per turn: epoll is level-triggered, so other events are reported again. */
+/* One event per turn: descriptors that are still readable are reported again. */
 static int run(struct host *host)
 {
     for (;;) {
@@ -152,7 +147,7 @@ static int run(struct host *host)
     }
 }
 
-/* Returns the decimal number in text; -1 when it is not a number from least to most. */
+/* Reads a decimal number from least to most. Returns -1 if the text is not one. */
 static int number(const char *text, long least, long most)
 {
     char *end;

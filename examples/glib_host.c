@@ -3,7 +3,7 @@
  *
  *     glib_host HOST [PORT [VRF [LIFETIME]]] > /dev/null
  *
- * Defaults: PORT 123, VRF 0, LIFETIME 60. LIFETIME is how many seconds an answer stays valid.
+ * The defaults are PORT 123, VRF 0, and a LIFETIME of 60, in seconds: the host refreshes an answer that is older.
  * Its own lines go to standard error, the library's trace to standard output. It exits on SIGTERM and SIGINT.
  */
 #include <arpa/inet.h>
@@ -22,7 +22,7 @@ struct host {
     uint32_t queue;
     const char *server;
     int port, vrf;
-    struct addrinfo *addresses; /* the last answer, which the host frees; NULL: none yet */
+    struct addrinfo *addresses; /* the last answer, which the host owns; NULL: none yet */
     int exit_code;
 };
 
@@ -38,14 +38,14 @@ static void show_addresses(const struct host *host)
     fputc('\n', stderr);
 }
 
-/* Called only when the cache has the answer: otherwise the lookup waits. It may still wait if memory has run out. */
+/* Call it only for a server in the cache. For any other it waits, as it may when memory has run out since. */
 static void look_up(struct host *host)
 {
     char service[12];
     struct addrinfo hints = {0}, *found = NULL;
     snprintf(service, sizeof service, "%d", host->port);
     const int result = getaddrinfo_async_mq3(host->server, service, &hints, host->vrf, &found);
-    if (result != 0) { /* out of memory; the last answer stays valid */
+    if (result != 0) { /* out of memory; the last answer is kept */
         fprintf(stderr, "%s: lookup: %d\n", host->server, result);
         return;
     }
@@ -56,16 +56,14 @@ static void look_up(struct host *host)
 }
 
 /*
- * A job that failed stored nothing in the cache, so there is nothing to look up: the timer starts the next job. A
- * host with several servers reads serv_name, service and vrf of the record to know which server was resolved.
+ * Called once the library has the answer. A job that failed has stored nothing in the cache, so there is nothing to look
+ * up: the timer starts the next job. A host of several servers finds in the record whose answer it is: serv_name, service
+ * and vrf.
  */
-static void take_completion(struct host *host, const linux_completion *done)
+static void completion_delivered(const linux_completion *done, void *data)
 {
+    struct host *host = data;
     const server_spawnlet_data_t *record = done->ret_info;
-    dnscache_spawnletcb_job_done(done->handle, done->syserr, done->ret_info, done->ret_info_size,
-                                 done->ret_syserr);
-    /* Again without the record: if there was no memory for it, the first call kept the job in the job list. */
-    dnscache_spawnletcb_job_done(done->handle, done->syserr, NULL, 0, done->ret_syserr);
     if (done->syserr != LINUX_JOB_OK)
         fprintf(stderr, "%s: %s\n", host->server, errcode2str(done->syserr));
     else if (done->ret_syserr != 0)
@@ -79,13 +77,9 @@ static void take_completion(struct host *host, const linux_completion *done)
 static gboolean queue_is_readable(gint queue, GIOCondition condition, gpointer data)
 {
     struct host *host = data;
-    linux_completion done;
-    int taken;
     (void)condition;
-    while ((taken = linux_queue_next((uint32_t)queue, &done)) == 1)
-        take_completion(host, &done);
-    if (taken < 0) {
-        perror("linux_queue_next");
+    if (linux_queue_dispatch((uint32_t)queue, dnscache_spawnletcb_job_done, completion_delivered, host) < 0) {
+        perror("linux_queue_dispatch");
         host->exit_code = EXIT_FAILURE;
         g_main_loop_quit(host->loop);
     }
@@ -93,8 +87,8 @@ static gboolean queue_is_readable(gint queue, GIOCondition condition, gpointer d
 }
 
 /*
- * The refresh pass starts jobs for expired answers. add_entry_to_dns_cache() starts a job only if the cache has no
- * answer and no job runs. A host with more than MAX_SPAWNLETS servers starts more after completions: see dnscache(7).
+ * refresh_dns_cache() resolves expired answers again. add_entry_to_dns_cache() starts a job only if the server has no
+ * answer. A host of more than MAX_SPAWNLETS servers starts the remaining jobs as completions arrive: see dnscache(7).
  */
 static gboolean keep_fresh(gpointer data)
 {
@@ -129,7 +123,7 @@ static void run(struct host *host, int lifetime)
     g_main_loop_unref(host->loop);
 }
 
-/* Returns the decimal number in text; -1 when it is not a number from least to most. */
+/* Reads a decimal number from least to most. Returns -1 if the text is not one. */
 static int number(const char *text, long least, long most)
 {
     char *end;

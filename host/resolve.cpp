@@ -20,21 +20,21 @@
 static constexpr int CALL_REFUSED = -1;
 static constexpr char ERASE_LINE[] = "\r\033[K";
 
-/* Every completion goes to the library, whoever waits: a job that is not reported runs for ever. */
+static void note_completion(const linux_completion *done, void *data)
+{
+    auto *waiter = static_cast<struct job_waiter *>(data);
+    if (waiter->awaited == 0 || done->handle != waiter->awaited)
+        return;
+    waiter->awaited = 0;
+    waiter->syserr = done->syserr;
+    waiter->ret_syserr = done->ret_syserr;
+}
+
+/* The library needs every completion, not only the awaited one: a job that is not reported counts as running forever. */
 static void take_completions(struct job_waiter *waiter)
 {
-    linux_completion done;
-    int taken;
-    while ((taken = linux_queue_next(waiter->queue, &done)) == 1) {
-        dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
-                                     done.ret_syserr);
-        if (waiter->awaited == 0 || done.handle != waiter->awaited)
-            continue;
-        waiter->awaited = 0;
-        waiter->syserr = done.syserr;
-        waiter->ret_syserr = done.ret_syserr;
-    }
-    waiter->broken = taken < 0;
+    waiter->broken =
+        linux_queue_dispatch(waiter->queue, dnscache_spawnletcb_job_done, note_completion, waiter) < 0;
 }
 
 static gboolean queue_is_readable(int, GIOCondition, void *data)
@@ -46,7 +46,7 @@ static gboolean queue_is_readable(int, GIOCondition, void *data)
     return G_SOURCE_CONTINUE;
 }
 
-/* GLib ends a program that it has no descriptors for. */
+/* GLib aborts the program when it cannot open descriptors for its main loop. Report an error before that happens. */
 static bool main_loop_has_descriptors()
 {
     const int first = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0),

@@ -164,3 +164,18 @@ int linux_queue_next(uint32_t queue, linux_completion *completion)
     errno = error;
     return taken;
 }
+
+int linux_queue_dispatch(uint32_t queue, linux_completion_handler deliver, linux_completion_observer seen,
+                         void *data)
+{
+    linux_completion done;
+    int taken, count = 0;
+    while ((taken = linux_queue_next(queue, &done)) == 1) {
+        deliver(done.handle, done.syserr, done.ret_info, done.ret_info_size, done.ret_syserr);
+        deliver(done.handle, done.syserr, nullptr, 0, done.ret_syserr);
+        if (seen != nullptr)
+            seen(&done, data);
+        count++;
+    }
+    return taken < 0 ? -1 : count;
+}

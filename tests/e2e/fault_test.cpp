@@ -181,21 +181,16 @@ static std::string try_to_look_up(const std::string &name, int vrf)
     return found;
 }
 
-/* Of every job that was started. One that there was no memory for stays in the list. */
+/* Of every job that was started, also when there is no memory for its record. */
 static void take_completions(uint32_t queue)
 {
     static uint64_t taken;
     linux_job_counters started;
-    linux_completion done;
+    const auto take = [queue] {
+        return linux_queue_dispatch(queue, dnscache_spawnletcb_job_done, nullptr, nullptr);
+    };
     for (linux_jobs_started(&started); taken < started.background && becomes_readable(queue);)
-        while (armed([&] { return linux_queue_next(queue, &done); }) == 1) {
-            taken++;
-            armed([&] {
-                dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
-                                             done.ret_syserr);
-                return 0;
-            });
-        }
+        taken += static_cast<uint64_t>(armed(take));
     REQUIRE(taken == started.background);
 }
 
@@ -256,7 +251,7 @@ static void live(int vrf, const step &trouble, const step &recover)
         take_completions(queue);
     REQUIRE(try_to_look_up("two.lab", vrf) == own_addresses(vrf));
     take_completions(queue);
-    REQUIRE(running_jobs == (strcmp(plan->call, "malloc") == 0 && plan->has_struck && running_jobs == 1));
+    REQUIRE(running_jobs == 0);
     REQUIRE(eventually([&] { return is_as_before(queue, descriptors); }));
     REQUIRE(vrf == 0 ? questions(0) > elsewhere : questions(0) == elsewhere);
     REQUIRE(!plan->has_leaked);

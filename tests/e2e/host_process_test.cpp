@@ -373,9 +373,8 @@ static int by_system(int code)
 {
     EXPECT_EQ(add_entry_to_dns_cache("nosuch.test", code, 0, nullptr), 0);
     const int status = system(("exit " + std::to_string(code)).c_str());
-    linux_completion done = next_completion(the_queue);
-    dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
-                                 done.ret_syserr);
+    while (linux_queue_dispatch(the_queue, dnscache_spawnletcb_job_done, nullptr, nullptr) == 0)
+        becomes_readable(the_queue);
     return status;
 }
 

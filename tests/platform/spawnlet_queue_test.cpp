@@ -29,7 +29,7 @@ TEST(SpawnletQueue, RefusesWhatIsNoQueueAndASecondOne)
     const uint32_t first = the_queue(), second = linux_queue_create();
     EXPECT_EQ(spawnlet_register_async_q(second), LINUX_JOB_BAD_ARGUMENT);
     linux_completion done;
-    EXPECT_EQ(linux_queue_next(second, &done), -1);
+    EXPECT_TRUE(linux_queue_dispatch(second, nullptr, nullptr, nullptr) == -1 && errno == EINVAL);
     EXPECT_EQ(linux_queue_next(first, &done), 0);
     close(static_cast<int>(second));
 }
@@ -46,6 +46,23 @@ TEST(SpawnletQueue, AnAnswerThatCameInTimeIsOneHoweverLateTheHostLooks)
     EXPECT_EQ(linux_queue_next(the_queue(), &done), 1); /* the first look brings it */
     EXPECT_EQ(done.syserr, 0u);
     EXPECT_EQ(done.ret_info_size, largest.size);
+}
+
+TEST(SpawnletQueue, DispatchTakesAllThatIsWaitingAndEndsEachJob)
+{
+    static std::string calls;
+    the_queue();
+    for (int i = 0; i < 2; i++)
+        start_job(job_ways()[3].body, job_ways()[3].arg, 1);
+    poll(nullptr, 0, 1000); /* both deadlines have passed, so both jobs are over */
+    const auto deliver = [](uint32_t, uint32_t, void *record, uint32_t size, int32_t) {
+        calls += (record != nullptr ? "record " : "none ") + std::to_string(size) + ", ";
+    };
+    const auto see = [](const linux_completion *done, void *) {
+        calls += *static_cast<char *>(done->ret_info);
+    };
+    EXPECT_EQ(linux_queue_dispatch(the_queue(), deliver, see, nullptr), 2);
+    EXPECT_EQ(calls, "record 1676, none 0, brecord 1676, none 0, b");
 }
 
 TEST(SpawnletQueue, BoundsTheJobsAndCountsThem)

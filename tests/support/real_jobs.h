@@ -6,6 +6,7 @@
 #define TESTS_SUPPORT_REAL_JOBS_H
 
 #include <filesystem>
+#include <queue>
 
 #include "dnscache/dnscache.h"
 #include "dnscache/state.h"
@@ -46,11 +47,16 @@ class RealJobs : public testing::Test
         return result;
     }
 
+    /* Its record is gone. More than one may be waiting: `completed` holds those that are still to be returned. */
     linux_completion complete_one()
     {
-        const linux_completion done = next_completion(queue);
-        dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
-                                     done.ret_syserr);
+        const auto keep = [](const linux_completion *done, void *all) {
+            static_cast<std::queue<linux_completion> *>(all)->push(*done);
+        };
+        while (completed.empty() && becomes_readable(queue))
+            linux_queue_dispatch(queue, dnscache_spawnletcb_job_done, keep, &completed);
+        const linux_completion done = completed.front();
+        completed.pop();
         return done;
     }
 
@@ -70,6 +76,7 @@ class RealJobs : public testing::Test
 
     std::string folder = std::filesystem::temp_directory_path() / "real_jobs_test.XXXXXX";
     uint32_t queue = 0;
+    std::queue<linux_completion> completed;
 };
 
 #endif
