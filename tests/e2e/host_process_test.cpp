@@ -208,6 +208,8 @@ static const struct row {
      [] { get_sock_in_addr(nullptr); }},
     {"linux_queue_create", [] {}, [] { linux_queue_create(); }},
     {"linux_queue_next: nothing there", init, [] { linux_queue_next(the_queue, &taken); }},
+    {"linux_queue_dispatch: nothing there", init,
+     [] { linux_queue_dispatch(the_queue, dnscache_spawnletcb_job_done, nullptr, nullptr); }},
     {"linux_jobs_started", init,
      [] {
          linux_job_counters counters;
@@ -226,6 +228,7 @@ static const struct row {
          size_t count;
          free(linux_vrf_list(&count));
      }},
+    {"linux_vrf_check", init, [] { linux_vrf_check(0, nullptr, 0); }},
     {"linux_partition_set", init, [] { linux_partition_set(60001); }},
 };
 
