@@ -85,6 +85,7 @@ services)
     nm -D --undefined-only "$build/libdnscache.so" | awk '$1 == "U" && $2 !~ /@|^g_/ { print $2 }' |
         sort > "$work/undefined"
     same "$work/declared" "$work/undefined"
+    [ "$(wc -l < "$work/declared")" -eq 14 ] # as README.md says
     ;;
 runtime)
     for library in libdnscache.so libdnscache-linux.so; do
