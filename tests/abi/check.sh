@@ -1,17 +1,17 @@
 #!/bin/sh
-# check.sh WHAT BUILD_DIR SOURCE_DIR: what the libraries show to whoever links them.
+# check.sh WHAT BUILD_DIR SOURCE_DIR: check the ABI, dependencies, headers and documented programs.
 # shellcheck disable=SC2046,SC2086 # options are several words
 set -eu
 build=$2
 source=$3
 
-# same EXPECTED ACTUAL: two sorted lists, by file.
+# same EXPECTED ACTUAL: compare two files; the expected one must not be empty.
 same() {
     [ -s "$1" ] || { echo "nothing to compare with"; exit 1; }
     diff -u "$1" "$2"
 }
 
-# Names in the global part of an export map.
+# listed MAP: the names in the global part of an export map.
 listed() {
     sed -n '/global:/,/local:/s/^ *\([a-z_0-9]*\);.*/\1/p' "$1" | sort
 }
@@ -20,7 +20,7 @@ exported() {
     nm -D --defined-only "$1" | awk '{ print $3 }' | sort
 }
 
-# describe LIBRARY: its ABI, the same on every machine. Records of GLib and libc are theirs: they have no inside here.
+# describe LIBRARY: its ABI, the same on every machine, without the members of records of GLib and libc.
 describe() {
     abidw --exported-interfaces-only --drop-undefined-syms --no-architecture --no-corpus-path --no-comp-dir-path \
         --no-elf-needed --no-parameter-names --type-id-style hash "$build/$1.so" > "$work/abidw"
@@ -31,13 +31,13 @@ describe() {
         sed -E "s/ (filepath|line|column)='[^']*'//g; s, path='$source/, path=',"
 }
 
-# kept LIBRARY: the file that its ABI is held against, one for each word size.
+# kept LIBRARY: the path of its committed ABI, one file for each word size.
 kept() {
     echo "$source/tests/abi/$1.$(readelf -h "$build/$1.so" | sed -n 's/.*Class: *ELF//p').abi"
 }
 
-# verdict KEPT NOW: same, added or incompatible; $work/report says why. abidiff ends alike for an addition and for a
-# changed parameter, so it is asked again without additions. Its own failure counts as incompatible.
+# verdict KEPT NOW: same, added or incompatible; $work/report says why. abidiff returns the same status for an addition
+# and for a changed parameter, so it runs again without additions. If abidiff itself fails, the verdict is incompatible.
 verdict() {
     if abidiff "$1" "$2" > "$work/report"; then
         echo same
@@ -49,7 +49,7 @@ verdict() {
     fi
 }
 
-# program DOCUMENT NAME PLATFORM: build the C program that is in it.
+# program DOCUMENT NAME PLATFORM: build the C program that a document contains.
 program() {
     awk '/^```/ { inside = $0 == "```c"; next } inside' "$source/$1" > "$work/$2.c"
     $CC -std=gnu11 -Wall -Wextra -Werror -I"$source" "$work/$2.c" -o "$work/$2" -L"$build" -ldnscache "$3" \
@@ -68,8 +68,8 @@ exports)
     listed "$source/platform/linux/exports.map" > "$work/map"
     exported "$build/libdnscache-linux.so" > "$work/library"
     same "$work/map" "$work/library"
-    # What a host defines under one of these names is not called in their stead: but for the two objects, and the
-    # platform's, which is an object too, nothing that they export is looked for elsewhere.
+    # A host that defines one of these names must not replace the library's own: except for the three exported
+    # objects, no exported name may appear in a relocation.
     for library in libdnscache libdnscache-linux; do
         exported "$build/$library.so" > "$work/library"
         readelf --wide --relocs "$build/$library.so" | awk 'NF > 4 { sub(/@.*/, "", $5); print $5 }' | sort -u |
@@ -79,7 +79,7 @@ exports)
     ! grep -vxFf "$work/objects" "$work/elsewhere"
     ;;
 services)
-    # What the library leaves to its platform: every name of platform/*.h, and nothing else but libc and GLib.
+    # The library needs every name of platform/*.h, and otherwise only libc and GLib.
     sed -n 's/^[a-z].*[ *]\([a-z_0-9]\{1,\}\)(.*/\1/p; s/^extern .* \([a-z_]*\);/\1/p' "$source"/platform/*.h |
         sort > "$work/declared"
     nm -D --undefined-only "$build/libdnscache.so" | awk '$1 == "U" && $2 !~ /@|^g_/ { print $2 }' |
@@ -98,7 +98,7 @@ initialisers)
     readelf -SW "$build/libdnscache.a" > "$work/sections"
     grep -q '\.text' "$work/sections"
     if grep -E '\.(init_array|ctors)' "$work/sections"; then
-        echo "static initialisers"
+        echo "the library has static initializers"
         exit 1
     fi
     ;;
@@ -111,8 +111,8 @@ headers)
     done
     ;;
 floors)
-    # An include may go to its own floor or down; the library and the platform never see each other's insides. State is
-    # for its owners, set-up, and the readers of a time-out.
+    # A file includes its own floor and those below; library and platform do not include each other's private headers. Only
+    # the owners of state, set-up and the readers of a time-out include state.h.
     floor() {
         case $1 in
         platform/*/*) echo 90 ;;
@@ -134,8 +134,8 @@ floors)
         platform/*:dnscache/*) echo "$file:$line: the platform includes the library" ;;
         dnscache/cache/*:*/state.h | */job_*.cpp:*/state.h | */setup.cpp:*/state.h | */lookup.cpp:*/state.h) ;;
         dnscache/state.cpp:*/state.h) ;;
-        *:*/state.h) echo "$file:$line: is no owner of state" ;;
-        *) [ "$(floor "$target")" -le "$(floor "$file")" ] || echo "$file:$line: runs up a floor: $target" ;;
+        *:*/state.h) echo "$file:$line: must not include state.h" ;;
+        *) [ "$(floor "$target")" -le "$(floor "$file")" ] || echo "$file:$line: includes a higher floor: $target" ;;
         esac
     done < "$work/includes" > "$work/wrong"
     cat "$work/wrong"
@@ -150,7 +150,7 @@ gate)
     done
     [ ! -e "$work/verdicts" ] || {
         cat "$work/verdicts"
-        echo 'added: run scripts/abi-accept. incompatible: programs that are there break; undo it, or raise SOVERSION first'
+        echo 'added: run scripts/abi-accept. incompatible: existing programs break; undo it, or raise SOVERSION first'
         exit 1
     }
     ;;
@@ -160,14 +160,14 @@ accept)
     done
     ;;
 verdicts)
-    # The gate's verdict, and what abidiff says, on a library in which one thing is different.
+    # The gate's verdict and abidiff's report for a library with one difference.
     kept=$(kept libdnscache)
     while IFS='|' read -r expected reason edit; do
         sed "$edit" "$kept" > "$work/now"
         if cmp -s "$kept" "$work/now" || [ "$(verdict "$kept" "$work/now")" != "$expected" ] ||
             { [ -n "$reason" ] && ! grep -q "$reason" "$work/report"; }; then
             cat "$work/report"
-            echo "not $expected: $edit"
+            echo "expected $expected: $edit"
             exit 1
         fi
     done << 'END'
@@ -181,7 +181,7 @@ incompatible|changed from 255 to 256|s/name='file_name' size='255'/name='file_na
 END
     ;;
 golden)
-    # What any build writes is, byte for byte, what a 32-bit one has written, and it understands that.
+    # Every build writes, byte for byte, the records that a 32-bit build wrote, and reads those.
     mkdir "$work/written"
     "$build/tests/golden" write "$work/written"
     for record in request options result; do
@@ -191,10 +191,10 @@ golden)
     same "$source/tests/abi/golden/read.txt" "$work/read"
     ;;
 readme)
-    # The programs in the documents are programs: they build, as they stand there, against what they are about.
+    # The programs in the documents build unchanged and print what the documents say.
     program README.md host "$build/libdnscache-linux.so"
     "$work/host" localhost > "$work/answers"
-    grep -q '^127\.0\.0\.1$' "$work/answers" # with the library's trace around it
+    grep -q '^127\.0\.0\.1$' "$work/answers" # between lines of the library's trace
     memory=$build/CMakeFiles/dnscache_platform_memory_objects.dir/platform/memory/memory_platform.cpp.o
     program docs/porting.md tested "$memory"
     [ "$("$work/tested" 2>&1 > /dev/null)" = '-3, then 0' ]

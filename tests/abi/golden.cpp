@@ -1,9 +1,9 @@
 /*
- * golden.cpp: the records that processes hand each other, as files that a build of either word size has to write alike
- * and to understand.
+ * golden.cpp: writes and reads the records that processes exchange. Builds of both word sizes must write identical
+ * files, and read them.
  *
- *   golden write FOLDER    request.bin, options.bin and result.bin of one lookup that goes on in the background
- *   golden read FOLDER     what is in them
+ *   golden write FOLDER    write request.bin, options.bin and result.bin of a lookup that continues in the background
+ *   golden read FOLDER     print their contents
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -15,9 +15,9 @@
 #include "dnscache/dnscache.h"
 #include "platform/memory/memory_platform.h"
 
-static FILE *said; /* standard output, without the library's trace */
+static FILE *output; /* standard output, without the library's trace */
 
-/* When the answer came. */
+/* The time of the answer. */
 extern "C" time_t __wrap_time(time_t *)
 {
     return 0x5a6b7c8d;
@@ -54,7 +54,7 @@ static T read_record(const char *folder, const char *name)
     return record;
 }
 
-/* The job that goes on when the first has timed out. */
+/* Of the background job, which starts when the blocking one has timed out. */
 static const void *request;
 static job_options options;
 
@@ -79,7 +79,7 @@ static int write_records(const char *folder)
     memory_completion done;
     srand(1);
     memory.on_start = note_start;
-    memory.job_seconds = 200; /* between the time-outs of a lookup and of what it leaves in the background */
+    memory.job_seconds = 200; /* between the time-outs of a lookup and of its background job */
     memory.next_handle = 0xa1b2c3d4;
     memory.vrfs = 0x10203;
     const uint32_t queue = memory_queue_create();
@@ -94,20 +94,20 @@ static int write_records(const char *folder)
     return 0;
 }
 
-static void say_hints(const dnscache_addrinfo_image &hints)
+static void print_hints(const dnscache_addrinfo_image &hints)
 {
-    fprintf(said, "  hints %#x %d %d %d %u, pointers %u %u %u\n", static_cast<unsigned>(hints.ai_flags),
+    fprintf(output, "  hints %#x %d %d %d %u, pointers %u %u %u\n", static_cast<unsigned>(hints.ai_flags),
             hints.ai_family, hints.ai_socktype, hints.ai_protocol, hints.ai_addrlen, hints.ai_addr,
             hints.ai_canonname, hints.ai_next);
 }
 
-static void say_node(const struct addrinfo &node)
+static void print_node(const struct addrinfo &node)
 {
     char text[INET6_ADDRSTRLEN] = "";
     inet_ntop(node.ai_family, get_sock_in_addr(node.ai_addr), text, sizeof text);
     struct sockaddr_in6 address = {};
     memcpy(&address, node.ai_addr, node.ai_addrlen);
-    fprintf(said, "  %s port %d scope %u, type %d %d, flags %d, %u bytes, %s\n", text,
+    fprintf(output, "  %s port %d scope %u, type %d %d, flags %d, %u bytes, %s\n", text,
             ntohs(address.sin6_port), address.sin6_scope_id, node.ai_socktype, node.ai_protocol,
             node.ai_flags, node.ai_addrlen, node.ai_canonname != nullptr ? node.ai_canonname : "no name");
 }
@@ -115,32 +115,32 @@ static void say_node(const struct addrinfo &node)
 static int read_records(const char *folder)
 {
     const auto asked = read_record<server_addr_info>(folder, "request.bin");
-    fprintf(said, "request\n  handle %#x, %s %s, vrf %#x\n", asked.job_handle, asked.serv_name, asked.service,
-            static_cast<unsigned>(asked.vrf));
-    say_hints(asked.hints);
+    fprintf(output, "request\n  handle %#x, %s %s, vrf %#x\n", asked.job_handle, asked.serv_name,
+            asked.service, static_cast<unsigned>(asked.vrf));
+    print_hints(asked.hints);
 
     const auto how = read_record<job_options>(folder, "options.bin");
-    fprintf(said, "options\n  tag %u, %u bytes, %d s, flag %u\n", how.job_tag, how.record_size,
+    fprintf(output, "options\n  tag %u, %u bytes, %d s, flag %u\n", how.job_tag, how.record_size,
             how.timeout_secs, how.option_flag);
 
     auto answer = read_record<server_spawnlet_data_t>(folder, "result.bin");
-    fprintf(said, "result\n  key %s, %s %s, vrf %#x, time %#x, status %d, %d entries\n", answer.serv_id,
+    fprintf(output, "result\n  key %s, %s %s, vrf %#x, time %#x, status %d, %d entries\n", answer.serv_id,
             answer.serv_name, answer.service, static_cast<unsigned>(answer.vrf),
             static_cast<unsigned>(answer.timestamp), answer.status, answer.num_entries);
-    say_hints(answer.hints);
+    print_hints(answer.hints);
     struct addrinfo *found = nullptr;
     if (get_res_back(&answer, &found) != 0)
         return 1;
     for (const struct addrinfo *node = found; node != nullptr; node = node->ai_next)
-        say_node(*node);
+        print_node(*node);
     freeaddrinfo(found);
     return 0;
 }
 
 int main(int argc, char **argv)
 {
-    said = fdopen(dup(STDOUT_FILENO), "w");
-    if (said == nullptr || freopen("/dev/null", "w", stdout) == nullptr)
+    output = fdopen(dup(STDOUT_FILENO), "w");
+    if (output == nullptr || freopen("/dev/null", "w", stdout) == nullptr)
         return 1;
     if (argc == 3 && strcmp(argv[1], "write") == 0)
         return write_records(argv[2]);

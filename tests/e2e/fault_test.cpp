@@ -1,8 +1,8 @@
 /*
- * Every call that can fail, failing once, in the laboratory: each in turn, at each place where it is made in the daemon
- * or in a job, until there is no further place. Whatever fails, each call of the library returns a code within its
- * bound, nothing but that call's own outcome changes, nothing is left behind, no job asks in another VRF, and
- * the next try is answered.
+ * Makes each call of the system or C library fail once, in the laboratory: in turn, at each place where the daemon or
+ * a job makes it, until there is no further place. Each call of the library must return a code within its time limit,
+ * only the outcome of that call may change, nothing may leak, no job may ask in another VRF, and the next try must
+ * be answered.
  */
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -12,7 +12,7 @@
 
 #include "tests/support/laboratory.h"
 
-static constexpr int SHORT = -1; /* no failure: a transfer of one byte */
+static constexpr int SHORT = -1; /* no failure, but a transfer of one byte */
 
 static const struct faulty_call {
     const char *name;
@@ -72,18 +72,18 @@ static const struct faulty_call {
     {"write", {EINTR, ENOMEM}},
 };
 
-/* The next fault, shared with the jobs. */
+/* The planned fault, in memory shared with the jobs. */
 static struct fault_plan {
     char call[20];
     int error, vrf;
-    int countdown; /* the call that finds it at 1 fails */
-    bool has_struck;
-    bool has_leaked; /* to a job: what is the host's, or a file of its */
+    int countdown; /* the call that decrements it from 1 fails */
+    bool has_failed;
+    bool has_leaked; /* a job has the host's socket, or sees the host's files */
 } *const plan = shared<fault_plan>();
 
-static bool is_armed; /* in the library, not in the test */
-static int not_for_jobs = -1;
-static std::string what_is_not_for_jobs;
+static bool is_armed; /* while the library runs, not the test */
+static int host_only_fd = -1;
+static std::string host_only_link;
 
 static std::string link_of(int fd)
 {
@@ -91,35 +91,35 @@ static std::string link_of(int fd)
     return readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof link - 1) > 0 ? link : "";
 }
 
-/* Asked in a job that is about to resolve. One that is bound to nothing can open nothing. */
+/* Runs in a job that is about to resolve. A job whose binding failed can open no file. */
 static void inspect_job()
 {
     const std::string file = content_of("/etc/hostname");
     const bool has_own_files = faccessat(AT_FDCWD, "/run/server0.pid", F_OK, 0) != 0;
-    plan->has_leaked = plan->has_leaked || link_of(not_for_jobs) == what_is_not_for_jobs ||
+    plan->has_leaked = plan->has_leaked || link_of(host_only_fd) == host_only_link ||
                        (has_own_files && !file.empty() && file != "of VRF 1\n" && plan->vrf == 1);
 }
 
-static bool strikes(const char *call)
+static bool must_fail(const char *call)
 {
     if (!is_armed || strcmp(plan->call, call) != 0 ||
         __atomic_fetch_sub(&plan->countdown, 1, __ATOMIC_RELAXED) != 1)
         return false;
-    return plan->has_struck = true;
+    return plan->has_failed = true;
 }
 
-/* Whatever a call takes and returns: words in excess do no harm in C's way of calling. */
+/* Fits every signature: the C calling convention ignores excess arguments. */
 template <typename Real>
 static long fault(Real *real, const char *call, long failure, std::array<long, 6> args)
 {
-    const bool is_struck = strikes(call);
+    const bool is_failing = must_fail(call);
     if (strcmp(call, "getaddrinfo") == 0)
         inspect_job();
-    if (is_struck && plan->error == SHORT)
+    if (is_failing && plan->error == SHORT)
         args[2] = 1;
-    const bool is_done = !is_struck || plan->error == SHORT || strcmp(call, "close") == 0;
+    const bool is_done = !is_failing || plan->error == SHORT || strcmp(call, "close") == 0;
     const long result = is_done ? real(args[0], args[1], args[2], args[3], args[4], args[5]) : failure;
-    if (!is_struck || plan->error == SHORT)
+    if (!is_failing || plan->error == SHORT)
         return result;
     errno = plan->error;
     return failure;
@@ -133,7 +133,7 @@ static long fault(Real *real, const char *call, long failure, std::array<long, 6
     }
 FAULTY_CALLS
 
-/* The test's own memory, so that none of it is missing when there is none left. */
+/* The test's own memory: it must not run out when malloc() fails. */
 alignas(16) static char arena[64 << 20];
 static size_t arena_used;
 
@@ -147,12 +147,12 @@ void *operator new(size_t size)
 void operator delete(void *) noexcept {}
 void operator delete(void *, size_t) noexcept {}
 
-/* One life of a daemon, in a process of its own, which ends where something is not as it should be. */
+/* One run of a daemon, in its own process, which exits where a requirement is not met. */
 
 #define REQUIRE(condition)                                                                                   \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
-            fprintf(stderr, "line %d: not so: %s\n", __LINE__, #condition);                                  \
+            fprintf(stderr, "line %d: not met: %s\n", __LINE__, #condition);                                 \
             _exit(1);                                                                                        \
         }                                                                                                    \
     } while (false)
@@ -181,7 +181,7 @@ static std::string try_to_look_up(const std::string &name, int vrf)
     return found;
 }
 
-/* Of every job that was started, also when there is no memory for its record. */
+/* Takes the completion of every started job, also when there was no memory for its record. */
 static void take_completions(uint32_t queue)
 {
     static uint64_t taken;
@@ -203,7 +203,7 @@ static bool is_as_before(uint32_t queue, size_t descriptors)
            (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || child.si_pid == 0);
 }
 
-/* So that a life makes its own, and loads programs. */
+/* Each daemon must create its own groups and load programs. */
 static void remove_device_groups()
 {
     std::error_code none;
@@ -213,21 +213,21 @@ static void remove_device_groups()
 
 using step = std::function<void()>;
 
-static void live(int vrf, const step &trouble, const step &recover)
+static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
 {
-    /* A file, which jobs inherit, and a socket, which they do not. */
-    REQUIRE(open("/etc/hosts", O_RDONLY) > 0 && (not_for_jobs = socket(AF_UNIX, SOCK_STREAM, 0)) > 0);
-    /* Only jobs of a daemon that has high descriptors have all of them listed. */
+    /* Jobs inherit the file, but not the socket. */
+    REQUIRE(open("/etc/hosts", O_RDONLY) > 0 && (host_only_fd = socket(AF_UNIX, SOCK_STREAM, 0)) > 0);
+    /* Jobs list /proc/self/fd only when the daemon has high descriptors. */
     if (strcmp(plan->call, "opendir") == 0 || strcmp(plan->call, "readdir") == 0)
-        REQUIRE((not_for_jobs = fcntl(not_for_jobs, F_DUPFD, 500)) >= 500);
-    what_is_not_for_jobs = link_of(not_for_jobs);
+        REQUIRE((host_only_fd = fcntl(host_only_fd, F_DUPFD, 500)) >= 500);
+    host_only_link = link_of(host_only_fd);
     const size_t descriptors = open_descriptors().size();
-    const int elsewhere = questions(0);
+    const int host_questions = questions(0);
     remove_device_groups();
-    trouble();
+    set_limits();
     uint32_t queue = armed(linux_queue_create);
     if (queue == 0) {
-        recover();
+        lift_limits();
         queue = linux_queue_create();
     }
     armed([vrf] { return add_entry_to_dns_cache("early.lab", 123, vrf, nullptr); });
@@ -245,7 +245,7 @@ static void live(int vrf, const step &trouble, const step &recover)
     armed([] { return refresh_dns_cache(), 0; });
     REQUIRE(local_cache == nullptr);
     take_completions(queue);
-    recover();
+    lift_limits();
     REQUIRE(linux_history_enable(1) == 0);
     if (try_to_look_up("two.lab", vrf) == "(-3)") /* the machine is busy */
         take_completions(queue);
@@ -253,7 +253,7 @@ static void live(int vrf, const step &trouble, const step &recover)
     take_completions(queue);
     REQUIRE(running_jobs == 0);
     REQUIRE(eventually([&] { return is_as_before(queue, descriptors); }));
-    REQUIRE(vrf == 0 ? questions(0) > elsewhere : questions(0) == elsewhere);
+    REQUIRE(vrf == 0 ? questions(0) > host_questions : questions(0) == host_questions);
     REQUIRE(!plan->has_leaked);
     empty_cache();
     REQUIRE(!has_sanitizer() || __lsan_do_recoverable_leak_check() == 0);
@@ -267,14 +267,14 @@ static void set_limit(__rlimit_resource resource, rlim_t soft)
     REQUIRE(setrlimit(resource, &limit) == 0);
 }
 
-static void expect_life(int vrf, const step &trouble, const step &recover)
+static void expect_daemon_survives(int vrf, const step &set_limits, const step &lift_limits)
 {
     fflush(stdout);
     const pid_t daemon = fork();
     if (daemon == 0) {
         alarm(20);
         freopen("/dev/null", "w", stdout);
-        live(vrf, trouble, recover);
+        run_daemon(vrf, set_limits, lift_limits);
         _exit(0);
     }
     int status = -1;
@@ -283,13 +283,13 @@ static void expect_life(int vrf, const step &trouble, const step &recover)
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-/* An interruption is no failure where it is usual. */
-static bool goes_on_after(const std::string &call, int error)
+/* Short transfers, and EINTR of calls that are retried, must not fail a lookup. */
+static bool is_retried(const std::string &call, int error)
 {
     return error == SHORT || (error == EINTR && (call == "send" || call == "recv" || call == "poll"));
 }
 
-/* Returns at how many places it has struck. */
+/* Returns the number of places at which the call has failed. */
 static int sweep(const char *call, int error, int vrf)
 {
     int place = 1;
@@ -301,29 +301,29 @@ static int sweep(const char *call, int error, int vrf)
         plan->vrf = vrf;
         plan->countdown = place;
         *refusals = 0;
-        expect_life(
+        expect_daemon_survives(
             vrf, [] {}, [] { plan->countdown = 0; });
-        EXPECT_TRUE(*refusals == 0 || !goes_on_after(call, error));
-        if (!plan->has_struck)
+        EXPECT_TRUE(*refusals == 0 || !is_retried(call, error));
+        if (!plan->has_failed)
             return place - 1;
     }
 }
 
-TEST(Fault, OfOneSystemCallIsSurvivedWhereverItIs)
+TEST(Fault, EachSystemCallMayFailOnce)
 {
     ASSERT_TRUE(shell("echo of VRF 1 > /etc/netns/vrf1/hostname"));
     for (const faulty_call &call : faulty_calls) {
         for (const int error : call.errors) {
             int places = 0;
             for (const int vrf : {1, 5, 0})
-                if (!has_sanitizer() || places == 0) /* it takes its time */
+                if (!has_sanitizer() || places == 0) /* sanitizers are slow */
                     places += sweep(call.name, error, vrf);
             EXPECT_GT(places, 0) << call.name;
         }
     }
 }
 
-/* Takes all the memory there is, but for some bytes. */
+/* Takes all memory except that many bytes. */
 static void leave_memory(rlim_t bytes)
 {
     void *left = malloc(bytes);
@@ -334,7 +334,7 @@ static void leave_memory(rlim_t bytes)
     free(left);
 }
 
-/* Besides that of the queue. */
+/* In addition to the queue's. */
 static void leave_descriptors(rlim_t count)
 {
     const int next = dup(STDOUT_FILENO);
@@ -342,16 +342,16 @@ static void leave_descriptors(rlim_t count)
     set_limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1 + count);
 }
 
-/* Privilege is above this limit, and the kernel counts all processes of a user: this one has no other. */
+/* Root is exempt from RLIMIT_NPROC, which counts all processes of a user: this uid has no other process. */
 static void leave_processes(rlim_t count)
 {
-    constexpr uid_t nobody_else = 64321;
-    REQUIRE(setresuid(nobody_else, nobody_else, nobody_else) == 0);
+    constexpr uid_t unused_uid = 64321;
+    REQUIRE(setresuid(unused_uid, unused_uid, unused_uid) == 0);
     set_limit(RLIMIT_NPROC, count);
 }
 
-/* From too little for anything to enough for everything. */
-TEST(Fault, LimitsAreRefusalsUntilTheyAreRaised)
+/* Each resource goes from too little for any lookup to enough for all. */
+TEST(Fault, LookupsRecoverWhenLimitsAreRaised)
 {
     const struct {
         void (*leave)(rlim_t);
@@ -367,10 +367,10 @@ TEST(Fault, LimitsAreRefusalsUntilTheyAreRaised)
         for (const int vrf : c.vrfs)
             for (rlim_t left = 0; left <= c.most; left += c.step) {
                 if (c.resource == RLIMIT_AS && has_sanitizer())
-                    continue; /* a sanitizer's own memory has no bounds */
+                    continue; /* a sanitizer needs too much address space itself */
                 SCOPED_TRACE(testing::Message() << "limit " << c.resource << ", " << left << ", VRF " << vrf);
                 *refusals = 0;
-                expect_life(
+                expect_daemon_survives(
                     vrf, [&] { c.leave(left); }, [&] { set_limit(c.resource, RLIM_INFINITY); });
                 EXPECT_TRUE(left > 0 || *refusals > 0);
                 EXPECT_TRUE(left < c.most || *refusals == 0);

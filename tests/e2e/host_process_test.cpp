@@ -1,5 +1,5 @@
 /*
- * What the library does to the process that it is linked into, and to that process's own children.
+ * Checks what the library changes in the process that it is linked into, and in that process's own children.
  */
 #include <fcntl.h>
 #include <glib.h>
@@ -10,7 +10,7 @@
 
 #include "tests/support/real_jobs.h"
 
-/* Hygiene: docs/hygiene.md has the table that is made here. */
+/* Hygiene: the table that is made here must equal the one in docs/hygiene.md. */
 
 using contents = std::set<std::string>;
 
@@ -42,7 +42,7 @@ static contents descriptors()
     for (const int fd : open_descriptors())
         found.insert(std::to_string(fd) +
                      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string() +
-                     ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0 ? " for programs" : ""));
+                     ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0 ? " without close-on-exec" : ""));
     return found;
 }
 
@@ -89,7 +89,7 @@ static std::string difference(const contents &before, const contents &after)
     if (!more.empty() && !isdigit(more[0][0]))
         return more[0];
     for (const std::string &one : more)
-        if (one.ends_with(" for programs"))
+        if (one.ends_with(" without close-on-exec"))
             return one;
     return (more.empty() ? "" : "+" + std::to_string(more.size())) +
            (fewer.empty() ? "" : "-" + std::to_string(fewer.size()));
@@ -135,7 +135,7 @@ static void finish_one()
     init();
     add_entry_to_dns_cache("pair.test", 123, 0, nullptr);
     taken = next_completion(the_queue);
-    memcpy(&record, taken.ret_info, sizeof record); /* which goes with the next look at the queue */
+    memcpy(&record, taken.ret_info, sizeof record); /* freed by the next linux_queue_next() */
 }
 
 static const struct row {
@@ -232,8 +232,8 @@ static const struct row {
     {"linux_partition_set", init, [] { linux_partition_set(60001); }},
 };
 
-/* A child that has handed its answer over has yet to leave, and to be reaped. */
-static void let_leave(size_t remaining)
+/* After its hand-back, a child still has to exit and to be reaped. */
+static void wait_for_exits(size_t remaining)
 {
     linux_completion none;
     EXPECT_TRUE(eventually(
@@ -241,8 +241,8 @@ static void let_leave(size_t remaining)
     EXPECT_NE(linux_queue_next(the_queue, &none), 1);
 }
 
-/* So that whatever a call sets to its default shows too. */
-static void leave_defaults()
+/* Sets non-default values, so that a reset to the default shows too. */
+static void set_non_defaults()
 {
     const struct itimerval timer = {.it_interval = {}, .it_value = {.tv_sec = 1000, .tv_usec = 0}};
     sigset_t blocked;
@@ -259,14 +259,14 @@ static void leave_defaults()
 static std::string line_of(const row &row)
 {
     constexpr int sentinel = 4242;
-    leave_defaults();
+    set_non_defaults();
     row.prepare();
-    let_leave(row.children_before);
+    wait_for_exits(row.children_before);
     const snapshot before = take_snapshot(sentinel);
     errno = sentinel;
     row.make();
     const int error = errno;
-    let_leave(row.children_after);
+    wait_for_exits(row.children_after);
     const snapshot after = take_snapshot(error);
     std::string line = std::string("| ") + row.call + " |";
     for (size_t i = 0; i < std::size(columns); i++)
@@ -274,8 +274,8 @@ static std::string line_of(const row &row)
     return line;
 }
 
-/* Each call is made in a process that has just begun. */
-TEST(HostProcess, IsChangedAsTheManualSays)
+/* Makes each call in a fresh process. */
+TEST(HostProcess, ChangesAreThoseInTheHygieneTable)
 {
     using text = std::array<char, 1000>;
     auto *line = shared<text>();
@@ -304,11 +304,11 @@ TEST(HostProcess, IsChangedAsTheManualSays)
     remove(("/tmp/dnscache.log." + std::to_string(getpid() & 0xffff)).c_str());
 }
 
-/* The host's own children, which it waits for in every way, while lookups go on. */
+/* The host's own children: it waits for them in four ways while lookups run. */
 
-static pid_t released_in_a_job; /* a stopped child of the host */
+static pid_t released_in_a_job; /* a stopped child of the host, or 0 */
 
-/* It ends while the job runs, and the lookup is waiting. */
+/* Makes the child exit while the job runs and the lookup waits. */
 void before_hand_back()
 {
     const std::string stat = "/proc/" + std::to_string(released_in_a_job) + "/stat";
@@ -327,8 +327,8 @@ static pid_t stopped_child(int code)
     return pid;
 }
 
-/* As the manual says: with the host's own way to be told restored, and as if told of what it may have missed. */
-static void look_up_as_a_good_host(pid_t child)
+/* As the manual demands: restores the host's SIGCHLD action, and raises a SIGCHLD that it may have missed. */
+static void look_up_keeping_sigchld(pid_t child)
 {
     struct sigaction own;
     sigaction(SIGCHLD, nullptr, &own);
@@ -344,7 +344,7 @@ static int by_waitpid(int code)
 {
     int status = -1;
     const pid_t pid = stopped_child(code);
-    look_up_as_a_good_host(pid);
+    look_up_keeping_sigchld(pid);
     return waitpid(pid, &status, 0) == pid ? status : -1;
 }
 
@@ -354,7 +354,7 @@ static int by_child_watch(int code)
     const pid_t pid = stopped_child(code);
     const auto note = [](GPid, gint ended, gpointer out) { *static_cast<int *>(out) = ended; };
     g_child_watch_add(pid, note, &status);
-    look_up_as_a_good_host(pid);
+    look_up_keeping_sigchld(pid);
     while (status < 0)
         g_main_context_iteration(nullptr, TRUE);
     return status;
@@ -367,11 +367,11 @@ static int by_popen(int code)
     if (fgets(pid, sizeof pid, output) == nullptr)
         return -1;
     waitpid(atoi(pid), nullptr, WUNTRACED);
-    look_up_as_a_good_host(atoi(pid));
+    look_up_keeping_sigchld(atoi(pid));
     return pclose(output);
 }
 
-/* A job in the background ends under it. */
+/* A background job ends during system(). */
 static int by_system(int code)
 {
     EXPECT_EQ(add_entry_to_dns_cache("nosuch.test", code, 0, nullptr), 0);
@@ -400,8 +400,8 @@ static size_t resident_bytes()
     return pages * static_cast<size_t>(getpagesize());
 }
 
-/* Ten times as often in scripts/soak. */
-TEST_F(RealJobs, LeaveTheHostAsItWasHoweverManyThereAre)
+/* scripts/soak makes ten times as many lookups. */
+TEST_F(RealJobs, LeakNothingInTheHost)
 {
     const auto serve = [this](int hits, int misses) {
         for (int i = 0; i < misses; i++) {
@@ -413,10 +413,10 @@ TEST_F(RealJobs, LeaveTheHostAsItWasHoweverManyThereAre)
         for (int i = 0; i < hits; i++)
             look_up("pair.test");
     };
-    const int output = dup(STDOUT_FILENO), nowhere = open("/dev/null", O_WRONLY);
-    dup2(nowhere, STDOUT_FILENO);
+    const int output = dup(STDOUT_FILENO), null_device = open("/dev/null", O_WRONLY);
+    dup2(null_device, STDOUT_FILENO);
     size_t memory = 0, held = 0;
-    for (int i = 0; i < 2; i++) { /* the first time all code is new, that of this test too */
+    for (int i = 0; i < 2; i++) { /* the first pass also loads code, the test's too */
         serve(1000, 100);
         held = descriptors_held();
         memory = resident_bytes();
@@ -427,6 +427,6 @@ TEST_F(RealJobs, LeaveTheHostAsItWasHoweverManyThereAre)
     dup2(output, STDOUT_FILENO);
     EXPECT_EQ(held_now, held);
     EXPECT_TRUE(children().empty());
-    /* A sanitizer keeps what was freed. */
+    /* A sanitizer holds freed memory back. */
     EXPECT_TRUE(has_sanitizer() || memory_now < memory + (64 << 10)) << memory << " -> " << memory_now;
 }

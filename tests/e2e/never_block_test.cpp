@@ -1,6 +1,6 @@
 /*
- * How long each call takes while a name server fails in each way, in the laboratory. All faults at once, each in a
- * VRF and a process of its own. The table goes to standard output.
+ * Measures how long each call takes under each fault of a name server, in the laboratory. All faults run at the same
+ * time, each in its own VRF and process. The table goes to standard output.
  */
 #include <fcntl.h>
 #include <sched.h>
@@ -14,19 +14,19 @@
 static constexpr int BLOCKING_SECONDS = 3;
 static constexpr long ALLOWED_MS = BLOCKING_SECONDS * 1000 + 250;
 static constexpr int SHORTEST_WAIT_MS = 2900;
-static constexpr int LONGEST_JOB_MS = 6000; /* but for those that never end by themselves */
+static constexpr int LONGEST_JOB_MS = 6000; /* of jobs that end by themselves */
 
 enum reply_kind { ANSWER, GARBAGE, TRUNCATED, SERVER_FAILURE, OTHER_ID };
 enum tcp_kind { TCP_RESET, TCP_SILENT };
 
 static const struct fault {
     const char *name;
-    int delay_ms; /* -1: never */
+    int delay_ms; /* before the reply; -1: no reply */
     reply_kind reply;
     tcp_kind tcp;
     bool has_server;
-    bool keeps_waiting; /* the first lookup, for as long as the shortest of these faults */
-    bool resolves;      /* in the end */
+    bool is_slow;  /* the first lookup takes SHORTEST_WAIT_MS or longer */
+    bool resolves; /* once the jobs have ended */
 } faults[] = {
     {"no fault", 0, ANSWER, TCP_RESET, true, false, true},
     {"silent", -1, ANSWER, TCP_RESET, true, true, false},
@@ -81,7 +81,7 @@ static std::string reply_to(const std::string &query, reply_kind kind)
     return reply;
 }
 
-/* Each query has a process of its own, since each is late by itself. */
+/* A process for each query, so that delays do not add up. */
 [[noreturn]] static void serve(int server, const fault &fault)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -115,13 +115,13 @@ static int open_port(int type)
 
 static void start_server(int vrf, const fault &fault)
 {
-    const int home = open("/proc/self/ns/net", O_RDONLY);
-    const int away = open(("/run/netns/vrf" + std::to_string(vrf)).c_str(), O_RDONLY);
-    ASSERT_EQ(setns(away, CLONE_NEWNET), 0);
+    const int host_net = open("/proc/self/ns/net", O_RDONLY);
+    const int vrf_net = open(("/run/netns/vrf" + std::to_string(vrf)).c_str(), O_RDONLY);
+    ASSERT_EQ(setns(vrf_net, CLONE_NEWNET), 0);
     const int server = fault.has_server ? open_port(SOCK_DGRAM) : -1;
     if (fault.tcp == TCP_SILENT)
         open_port(SOCK_STREAM);
-    ASSERT_EQ(setns(home, CLONE_NEWNET), 0);
+    ASSERT_EQ(setns(host_net, CLONE_NEWNET), 0);
     if (server >= 0 && fork() == 0)
         serve(server, fault);
 }
@@ -223,7 +223,7 @@ TEST(NeverBlock, EveryCallIsBoundedUnderEveryFault)
         SCOPED_TRACE(faults[i].name);
         EXPECT_EQ(std::string(rows[i].last_lookup) == "192.0.2.1", faults[i].resolves) << rows[i].last_lookup;
         EXPECT_TRUE(rows[i].is_complete);
-        EXPECT_EQ(rows[i].longest_ms[LOOKUP] >= SHORTEST_WAIT_MS, faults[i].keeps_waiting) << "no such fault";
+        EXPECT_EQ(rows[i].longest_ms[LOOKUP] >= SHORTEST_WAIT_MS, faults[i].is_slow) << "fault had no effect";
         for (const long ms : rows[i].longest_ms)
             EXPECT_LE(ms, ALLOWED_MS);
     }

@@ -1,5 +1,5 @@
 /*
- * What jobs come to. A child that has to be slow never answers.
+ * Outcomes of real jobs. A child that must be slow never answers.
  */
 #include <map>
 
@@ -20,7 +20,7 @@ extern "C" int __wrap_spawnlet_done(const void *buffer, uint32_t size)
 
 extern "C" decltype(spawnlet_fork_fp_async) __real_spawnlet_fork_fp_async;
 
-static const job_way *misbehaviour; /* of the next job, in place of the resolver */
+static const job_way *misbehaviour; /* of the next job, instead of resolving; may be nullptr */
 
 extern "C" uint32_t __wrap_spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one,
                                                   const job_options *options, FILE *in, FILE *out, FILE *err,
@@ -46,7 +46,7 @@ TEST_F(RealJobs, SlowNameIsAnsweredFromTheCacheAfterItsCompletion)
     EXPECT_EQ(started.blocking, 1u);
 }
 
-TEST_F(RealJobs, FailuresOfTheChildCacheNothing)
+TEST_F(RealJobs, FailedJobsCacheNothing)
 {
     const struct {
         const char *name;
@@ -68,25 +68,25 @@ TEST_F(RealJobs, FailuresOfTheChildCacheNothing)
     EXPECT_EQ(running_jobs, 0);
 }
 
-TEST_F(RealJobs, TenRunAndTheEleventhIsRefused)
+TEST_F(RealJobs, EleventhBackgroundJobIsRefused)
 {
     for (int port = 0; port < 10; port++)
         EXPECT_EQ(add_entry_to_dns_cache("stuck.test", port, 0, nullptr), 0);
     EXPECT_EQ(add_entry_to_dns_cache("stuck.test", 10, 0, nullptr), -1);
-    EXPECT_EQ(look_up("stuck.test"), LINUX_JOB_TIMED_OUT); /* jobs of its own still run */
+    EXPECT_EQ(look_up("stuck.test"), LINUX_JOB_TIMED_OUT); /* blocking jobs still start */
     EXPECT_EQ(look_up("crash.test"), -1);
     EXPECT_EQ(look_up("pair.test"), 0);
     EXPECT_EQ(running_jobs, 10);
 }
 
-/* Ten times as many in scripts/soak. */
-TEST_F(RealJobs, EveryJobEndsInOneCompletionWhateverItsChildDoes)
+/* scripts/soak runs ten times as many jobs. */
+TEST_F(RealJobs, EachJobDeliversExactlyOneCompletion)
 {
     const int jobs = 1000 * soak_factor();
     const size_t descriptors = open_descriptors().size();
     std::map<uint32_t, const job_way *> running;
     linux_completion none;
-    pid_t copy = 0; /* of the host, which has its descriptors too */
+    pid_t copy = 0; /* a fork of the host, which shares its descriptors */
     for (int started = 0, ended = 0; ended < jobs;) {
         if (copy == 0 && ended > 10 && (copy = fork()) == 0)
             _exit(pause());

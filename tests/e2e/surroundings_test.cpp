@@ -1,6 +1,6 @@
 /*
- * Hostile surroundings of a daemon: a folder for the debug log that everybody writes to, a full disk, a standard output
- * that is closed or that nobody reads any more.
+ * Runs a daemon in a hostile environment: a world-writable folder for the debug log, a full disk, a standard output
+ * that is closed or is a pipe without a reader, and names with special characters.
  */
 #include <fcntl.h>
 #include <sched.h>
@@ -34,8 +34,8 @@ static bool shell(const std::string &command)
            0;
 }
 
-/* All four sinks, of which three are files here. */
-static bool only_log_is_missing(const std::string &log)
+/* Traces to all four sinks: only the log must not get the message. Standard output and error are files here. */
+static bool all_sinks_but_the_log_work(const std::string &log)
 {
     uint64_t cursor = 0;
     linux_history_record entry;
@@ -52,11 +52,11 @@ static bool only_log_is_missing(const std::string &log)
            has_message("/proc/self/fd/1") && has_message("/proc/self/fd/2");
 }
 
-TEST(Surroundings, APlantedLogIsNeitherWaitedForNorWrittenTo)
+TEST(Surroundings, PlantedLogFileIsNotUsed)
 {
     const struct {
         const char *plant;
-        bool takes_root;
+        bool needs_root;
     } cases[] = {
         {"ln -s $target $log", false},
         {"ln -s /tmp/nowhere.$PPID $log", false},
@@ -70,12 +70,12 @@ TEST(Surroundings, APlantedLogIsNeitherWaitedForNorWrittenTo)
     linux_partition_set(static_cast<uint32_t>(getpid()));
     for (const auto &c : cases) {
         SCOPED_TRACE(c.plant);
-        if (c.takes_root && geteuid() != 0)
+        if (c.needs_root && geteuid() != 0)
             continue;
         ASSERT_TRUE(shell("rm -rf $log && : > $target && " + std::string(c.plant)));
-        EXPECT_TRUE(in_its_own_process([&] { return only_log_is_missing(log); }));
+        EXPECT_TRUE(in_its_own_process([&] { return all_sinks_but_the_log_work(log); }));
         EXPECT_TRUE(shell("test ! -s $target -a ! -e /tmp/nowhere.$PPID && rm -r $target $log"));
-        for (const size_t lines : {1u, 2u}) /* the first makes it, the next goes on with it */
+        for (const size_t lines : {1u, 2u}) /* the first process creates the log, the second appends */
             EXPECT_TRUE(in_its_own_process([&] {
                 log_is_switched_on = true;
                 trace();
@@ -98,42 +98,42 @@ static bool limit_files()
     return setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
-/* Much more than there is room for. */
-static int trace_at_length(void *)
+/* Writes far more text than fits. */
+static int trace_1000_times(void *)
 {
     for (int i = 0; i < 1000; i++)
         trace();
     return 0;
 }
 
-static bool survives_at(const std::function<bool()> &bound)
+static bool survives(const std::function<bool()> &set_limit)
 {
-    const bool is_bound = bound();
+    const bool is_limited = set_limit();
     log_is_switched_on = true;
     freopen("/dev/null", "w", stdout);
-    trace_at_length(nullptr);
+    trace_1000_times(nullptr);
     FILE *output = tmpfile();
-    const uint32_t code = run_job(trace_at_length, nullptr, 20, nullptr, output, output).code;
+    const uint32_t code = run_job(trace_1000_times, nullptr, 20, nullptr, output, output).code;
     const size_t most = content_of(file_name).size();
     const bool is_empty = truncate(file_name, 0) == 0;
     trace();
-    return is_bound && code == 0 && most <= 4096 && is_empty && has_message(file_name);
+    return is_limited && code == 0 && most <= 4096 && is_empty && has_message(file_name);
 }
 
-TEST(Surroundings, AFullDiskOrALimitCostsTheLogItsText)
+TEST(Surroundings, FullDiskOrFileSizeLimitOnlyLosesLogText)
 {
     linux_partition_set(static_cast<uint32_t>(getpid()));
-    EXPECT_TRUE(in_its_own_process([] { return survives_at(limit_files); }));
+    EXPECT_TRUE(in_its_own_process([] { return survives(limit_files); }));
     if (geteuid() == 0) {
-        EXPECT_TRUE(in_its_own_process([] { return survives_at([] { return mount_over_tmp("size=4k"); }); }));
+        EXPECT_TRUE(in_its_own_process([] { return survives([] { return mount_over_tmp("size=4k"); }); }));
     }
     remove(log_path().c_str());
 }
 
-TEST(Surroundings, ALogThatOthersCouldReplaceIsNone)
+TEST(Surroundings, NoLogWhereOthersCouldReplaceIt)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "needs root, to make folders for logs";
+        GTEST_SKIP() << "needs root to mount folders for the log";
     const std::pair<const char *, bool> cases[] = {{"mode=1777", true},
                                                    {"mode=0755", true},
                                                    {"mode=0777", false},
@@ -148,7 +148,7 @@ TEST(Surroundings, ALogThatOthersCouldReplaceIsNone)
         })) << options;
 }
 
-TEST(Surroundings, ALogTakesNoStandardStreamsPlace)
+TEST(Surroundings, LogIsKeptOffDescriptors0To2)
 {
     linux_partition_set(static_cast<uint32_t>(getpid()));
     EXPECT_TRUE(in_its_own_process([] {
@@ -162,7 +162,7 @@ TEST(Surroundings, ALogTakesNoStandardStreamsPlace)
     remove(log_path().c_str());
 }
 
-TEST_F(RealJobs, ResolveThoughNobodyReadsWhatTheHostPrints)
+TEST_F(RealJobs, ResolveWithClosedOrBrokenStdout)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -180,8 +180,8 @@ TEST_F(RealJobs, ResolveThoughNobodyReadsWhatTheHostPrints)
     close(ends[1]);
 }
 
-/* Through the key, the child and its record, the cache and every trace, as they are or cut, and never as a format. */
-TEST_F(RealJobs, TakeAnyNameForWhatItIs)
+/* Names pass the key, the child's record, the cache and every trace unchanged or cut, never as a format string. */
+TEST_F(RealJobs, PassAnyNameUnchangedOrCut)
 {
     const std::string names[] = {"any-%n%n%s%s%999999d",         "any-\033[2J\a\r\n\b",
                                  "any-\"'`$(reboot)\\",          "any-\xff\xfe\x80\xc3",

@@ -1,9 +1,9 @@
 #!/bin/bash
-# transcript.sh TRANSCRIPT PROGRAM [RESOLVER]: do what a transcript says and compare.
+# transcript.sh TRANSCRIPT PROGRAM [RESOLVER]: run the commands of a transcript and compare their output with it.
 #
-# "$ " begins a command, run by the shell in a fresh folder; below it stand its standard output, its standard error
-# after "! ", and its exit status after "= " unless it is 0. "lookup" is the program, with a scripted
-# resolver preloaded where one is given. Times read "#", and bytes that cannot be printed read as cat -v shows them.
+# "$ " begins a command, which the shell runs in a fresh folder. Below it are its standard output, its standard error
+# after "! ", and its exit status after "= " unless it is 0. "lookup" is the program, with the scripted resolver
+# preloaded if one is given. Times appear as "#", and unprintable bytes as cat -v shows them.
 set -u
 transcript=$1 program=$2 resolver=${3:-}
 export PROGRAM=$program RESOLVER=$resolver

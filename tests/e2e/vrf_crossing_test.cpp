@@ -1,7 +1,7 @@
 /*
- * What leaves the machine, and by which interface, while jobs are bound to VRF 5 of the laboratory: a VRF device where the
- * kernel has them, else a veth. Each question is first asked by a process that only binds its socket to the device,
- * which shows that the question would cross.
+ * Captures what is sent, and on which interface, while jobs are bound to VRF 5 of the laboratory: a VRF device where
+ * the kernel has them, else a veth. Before each job, a process that only binds its socket to the device asks the same
+ * question, which shows whether the question would cross into another VRF.
  */
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
@@ -16,7 +16,7 @@ static bool has_vrf_device()
     return shell("ip link show type vrf | grep -q vrf5");
 }
 
-/* Networks: 7, addresses of the default VRF; 8, what its routes lead to; 6, what those of VRF 5 lead to. */
+/* Network 7 has addresses of the default VRF, network 8 is behind its routes, network 6 behind those of VRF 5. */
 static void build_networks(bool is_vrf)
 {
     const std::string own = is_vrf ? "in" : "vrf5";
@@ -37,8 +37,8 @@ static void build_networks(bool is_vrf)
 struct question {
     const char *address;
     const char *device;             /* for IP_PKTINFO, or nullptr */
-    bool crosses_vrf, crosses_veth; /* when the socket is bound to the device, and nothing else is done */
-    bool is_own;                    /* and so has to leave, unless it crosses */
+    bool crosses_vrf, crosses_veth; /* if the socket is only bound to the device */
+    bool is_own;                    /* is VRF 5's: a packet must be sent, unless it crosses */
     int type = SOCK_DGRAM;
 };
 
@@ -92,7 +92,7 @@ static void send_datagram(int fd, const question *q, struct sockaddr_storage *ad
     sendmsg(fd, &message, 0);
 }
 
-/* What fails is no packet. */
+/* Ignores errors: only packets that are sent count. */
 static void ask(const question *q, const char *bind_to)
 {
     struct sockaddr_storage address;
@@ -114,7 +114,7 @@ static int ask_in_vrf(void *q)
     return result;
 }
 
-/* What is sent on every interface. */
+/* Captures the packets of every interface. */
 class capture
 {
   public:
@@ -124,7 +124,7 @@ class capture
         close(fd);
     }
 
-    /* The interfaces that packets to port 53 have been on since the last call. */
+    /* The interfaces on which packets to port 53 have been sent since the last call. */
     std::set<std::string> taken()
     {
         std::set<std::string> found;
@@ -146,7 +146,7 @@ class capture
 
 using interfaces = std::set<std::string>;
 
-static interfaces others(interfaces seen)
+static interfaces of_other_vrfs(interfaces seen)
 {
     for (const char *own : {"vrf5", "port5", "in"})
         seen.erase(own);
@@ -155,14 +155,14 @@ static interfaces others(interfaces seen)
 
 static void expect_confined(capture &wires, question q, bool crosses)
 {
-    SCOPED_TRACE(testing::Message() << q.address << " by "
-                                    << (q.device != nullptr ? q.device : "no interface")
+    SCOPED_TRACE(testing::Message() << q.address << " via "
+                                    << (q.device != nullptr ? q.device : "any interface")
                                     << (q.type == SOCK_STREAM ? ", TCP" : ""));
     EXPECT_TRUE(in_its_own_process([&] { return ask(&q, "vrf5"), true; }));
-    EXPECT_EQ(!others(wires.taken()).empty(), crosses);
+    EXPECT_EQ(!of_other_vrfs(wires.taken()).empty(), crosses);
     EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
     const interfaces seen = wires.taken();
-    EXPECT_EQ(others(seen), interfaces());
+    EXPECT_EQ(of_other_vrfs(seen), interfaces());
     EXPECT_TRUE(!seen.empty() || crosses || !q.is_own);
 }
 
@@ -187,32 +187,32 @@ TEST(Crossing, NoPacketOfAJobLeavesByAnInterfaceOfAnotherVrf)
         expect_all_confined(wires, is_vrf);
 }
 
-/* A job that goes on while others come and go. */
+/* A job that keeps running while other jobs start and end. */
 static struct {
-    int asked, answered; /* how often */
+    int asked, answered; /* counts */
     question q;
-} *const lasting = shared<std::remove_pointer_t<decltype(lasting)>>();
+} *const long_job = shared<std::remove_pointer_t<decltype(long_job)>>();
 
-static int ask_when_told(void *)
+static int ask_on_request(void *)
 {
     const int result = nsbind_set_global_context(5);
-    for (lasting->answered = 1;; poll(nullptr, 0, 1)) {
-        if (__atomic_load_n(&lasting->asked, __ATOMIC_ACQUIRE) == lasting->answered)
+    for (long_job->answered = 1;; poll(nullptr, 0, 1)) {
+        if (__atomic_load_n(&long_job->asked, __ATOMIC_ACQUIRE) == long_job->answered)
             continue;
-        ask(&lasting->q, nullptr);
-        __atomic_add_fetch(&lasting->answered, 1, __ATOMIC_RELEASE);
+        ask(&long_job->q, nullptr);
+        __atomic_add_fetch(&long_job->answered, 1, __ATOMIC_RELEASE);
     }
     return result;
 }
 
-static interfaces seen_of_lasting_job(capture &wires)
+static interfaces sent_by_long_job(capture &wires)
 {
-    const int asked = __atomic_add_fetch(&lasting->asked, 1, __ATOMIC_RELEASE);
-    EXPECT_TRUE(eventually([&] { return __atomic_load_n(&lasting->answered, __ATOMIC_ACQUIRE) == asked; }));
+    const int asked = __atomic_add_fetch(&long_job->asked, 1, __ATOMIC_RELEASE);
+    EXPECT_TRUE(eventually([&] { return __atomic_load_n(&long_job->answered, __ATOMIC_ACQUIRE) == asked; }));
     return wires.taken();
 }
 
-TEST(Crossing, AMemberCountsFromTheNextJobOn)
+TEST(Crossing, MemberChangesTakeEffectAtTheNextJob)
 {
     if (!has_vrf_device())
         GTEST_SKIP() << "this kernel has no VRF devices";
@@ -220,22 +220,22 @@ TEST(Crossing, AMemberCountsFromTheNextJobOn)
     question q = {"10.5.0.53", nullptr, false, false, true};
     capture wires;
     build_networks(true);
-    lasting->q = q;
-    lasting->asked = 1;
-    start_job(ask_when_told);
-    ASSERT_TRUE(eventually([] { return __atomic_load_n(&lasting->answered, __ATOMIC_ACQUIRE) == 1; }));
+    long_job->q = q;
+    long_job->asked = 1;
+    start_job(ask_on_request);
+    ASSERT_TRUE(eventually([] { return __atomic_load_n(&long_job->answered, __ATOMIC_ACQUIRE) == 1; }));
 
     ASSERT_TRUE(shell("ip link add late arp off type veth peer name peerlate && ip link set peerlate up && "
                       "ip link set late up master vrf5 && ip address add 10.5.0.1/24 dev late"));
-    EXPECT_EQ(seen_of_lasting_job(wires), none);
+    EXPECT_EQ(sent_by_long_job(wires), none);
     EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
     EXPECT_EQ(wires.taken(), late);
-    EXPECT_EQ(seen_of_lasting_job(wires), late);
+    EXPECT_EQ(sent_by_long_job(wires), late);
 
     ASSERT_TRUE(shell("ip link set late nomaster"));
     EXPECT_EQ(in_its_own_process([&] { return ask(&q, "vrf5"), true; }), true);
-    EXPECT_EQ(wires.taken(), late) << "the question does not cross";
+    EXPECT_EQ(wires.taken(), late) << "a socket bound to the device does not cross";
     EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
     EXPECT_EQ(wires.taken(), none);
-    EXPECT_EQ(seen_of_lasting_job(wires), none);
+    EXPECT_EQ(sent_by_long_job(wires), none);
 }

@@ -1,6 +1,6 @@
 /*
- * Binding to VRFs, in the laboratory: lookups of a daemon by the C library's resolver, from name servers that all
- * have the same address.
+ * Binding to VRFs, in the laboratory: a daemon looks names up with the C library's resolver, from name servers that
+ * all have the same address.
  */
 #include <linux/audit.h>
 #include <linux/filter.h>
@@ -17,17 +17,17 @@
 #include "tests/support/laboratory.h"
 
 /*
- * The caching daemon of the host knows the name from a hosts file, and whoever has asked it once, as this process, holds
- * its table in memory.
+ * The host's nscd has cached the name from a hosts file. A process that has asked it once, as this one has, keeps its
+ * table mapped.
  */
-static void poison_host()
+static void poison_nscd()
 {
     ASSERT_TRUE(
         shell("mkdir /run/nscd && echo 'enable-cache hosts yes\ncheck-files hosts no\nshared hosts yes\n"
               "persistent hosts no\npositive-time-to-live hosts 3600' > /etc/nscd.conf && "
               "echo 203.0.113.66 time.lab >> /etc/hosts && " NSCD " && getent ahosts time.lab && "
               "sed -i /time.lab/d /etc/hosts"));
-    ASSERT_EQ(look_up("time.lab", 0), "203.0.113.66") << "the daemon does not answer";
+    ASSERT_EQ(look_up("time.lab", 0), "203.0.113.66") << "nscd does not answer";
     struct addrinfo *chain = nullptr;
     ASSERT_EQ(getaddrinfo("time.lab", nullptr, nullptr, &chain), 0);
     ASSERT_EQ(addresses_in(chain), "203.0.113.66");
@@ -35,13 +35,13 @@ static void poison_host()
     empty_cache();
 }
 
-/* Each lookup is a packet for each kind of address that the VRF itself has: every packet on a wire is accounted for. */
-TEST(Vrf, EachIsAnsweredByItsOwnServerAndNoOther)
+/* Each lookup sends one packet per address family of the VRF, so every packet on the wires is accounted for. */
+TEST(Vrf, EachVrfAsksOnlyItsOwnServer)
 {
-    poison_host();
+    poison_nscd();
     constexpr int ROUNDS = 1000;
     int foreign = 0;
-    dns_cache_init(linux_queue_create(), 20); /* seconds, on a busy machine */
+    dns_cache_init(linux_queue_create(), 20); /* seconds: enough on a busy machine */
     for (int i = 0; i < ROUNDS; i++)
         for (const int vrf : {1, 2, 5}) {
             foreign += look_up("time.lab", vrf) != own_addresses(vrf);
@@ -53,7 +53,7 @@ TEST(Vrf, EachIsAnsweredByItsOwnServerAndNoOther)
     EXPECT_EQ(packets(0), 0);
 }
 
-/* Ways to be kept from binding. Each happens in the job itself, before its body. */
+/* Faults that prevent binding. The job itself injects its fault, before it binds. */
 
 static void refuse_system_call(long number)
 {
@@ -97,7 +97,7 @@ static void enter_limited_group(long)
     enter_control_group("limited", 0);
 }
 
-/* As a process that was moved out of its container's control group, by one that is not in that container. */
+/* Like a process that another one, outside its container, has moved out of the container's control group. */
 static void leave_control_groups(long)
 {
     int told[2];
@@ -113,32 +113,32 @@ static void leave_control_groups(long)
         _exit(1);
 }
 
-struct hindrance {
+struct bind_fault {
     const char *what;
     int32_t vrf;
-    const char *machine; /* shell commands */
-    void (*hinder)(long);
+    const char *setup; /* shell commands, run by the test */
+    void (*inject)(long);
     long argument;
     const char *reason;
-    bool ends = false; /* the job, since it can be put nowhere */
+    bool exits = false; /* the job, since it cannot be isolated from the network */
 };
 
-static void prepare(const hindrance *c)
+static void inject_fault(const bind_fault *c)
 {
-    if (c->hinder != nullptr)
-        c->hinder(c->argument);
+    if (c->inject != nullptr)
+        c->inject(c->argument);
 }
 
-static int hindered_lookup(void *arg)
+static int faulty_lookup(void *arg)
 {
-    const auto *c = static_cast<const hindrance *>(arg);
+    const auto *c = static_cast<const bind_fault *>(arg);
     struct addrinfo hints = {};
     server_addr_info request = {};
-    prepare(c);
+    inject_fault(c);
     return server_addr_init("time.lab", "123", &hints, c->vrf, &request) + resolve_server_hostname(&request);
 }
 
-static ino_t own_namespace()
+static ino_t own_network()
 {
     struct stat status = {};
     stat("/proc/self/ns/net", &status);
@@ -147,32 +147,32 @@ static ino_t own_namespace()
 
 struct binding {
     int result;
-    ino_t name_space;
+    ino_t network;
     bool gets_socket;
-    char reason[100]; /* by errno */
+    char reason[100]; /* text of errno */
 };
 
-static int hindered_binding(void *arg)
+static int faulty_binding(void *arg)
 {
-    const auto *c = static_cast<const hindrance *>(arg);
+    const auto *c = static_cast<const bind_fault *>(arg);
     binding found = {};
-    prepare(c);
+    inject_fault(c);
     found.result = nsbind_set_global_context(c->vrf);
     snprintf(found.reason, sizeof found.reason, "%s", strerror(errno));
-    found.name_space = own_namespace();
+    found.network = own_network();
     found.gets_socket = socket(AF_UNIX, SOCK_STREAM, 0) >= 0;
     spawnlet_done(&found, sizeof found);
     return 0;
 }
 
-static const hindrance hindrances[] = {
+static const bind_fault bind_faults[] = {
     {"no namespace, no device", 3, "", nullptr, 0, "neither a namespace /run/netns/vrf3 nor a device vrf3"},
     {"file", 8, "touch /run/netns/vrf8", nullptr, 0, "vrf8: Invalid argument"},
     {"FIFO", 9, "mkfifo /run/netns/vrf9", nullptr, 0, "vrf9: Invalid argument"},
     {"folder", 10, "mkdir /run/netns/vrf10", nullptr, 0, "vrf10: Invalid argument"},
     {"other namespace", 11, "touch /run/netns/vrf11; mount --bind /proc/self/ns/uts /run/netns/vrf11",
      nullptr, 0, "vrf11: Invalid argument"},
-    {"dangling link, and a device", 12, "ln -s gone /run/netns/vrf12; ip link add vrf12 type veth", nullptr,
+    {"dangling link beside a device", 12, "ln -s gone /run/netns/vrf12; ip link add vrf12 type veth", nullptr,
      0, "vrf12: No such file"},
     {"negative", -1, "", nullptr, 0, "negative number: Invalid"},
     {"most negative", INT32_MIN, "", nullptr, 0, "negative number: Invalid"},
@@ -181,40 +181,40 @@ static const hindrance hindrances[] = {
      "mounting the unified hierarchy of control groups: Operation not permitted"},
     {"no descriptor", 1, "", limit_descriptors, 3, "vrf1: Too many open files", true},
     {"no descriptor for a device", 5, "", limit_descriptors, 3, "vrf5: Too many open files", true},
-    {"bound already", 2, "", bind_before, 1, "bound before: Device or resource busy"},
-    {"own files are a file", 13, "ip netns add vrf13; touch /etc/netns/vrf13", nullptr, 0,
+    {"already bound to another VRF", 2, "", bind_before, 1, "bound before: Device or resource busy"},
+    {"/etc/netns/vrf13 is a file", 13, "ip netns add vrf13; touch /etc/netns/vrf13", nullptr, 0,
      "vrf13/gai.conf: Not a dir"},
     {"own file is a FIFO", 14, "ip netns add vrf14; mkdir /etc/netns/vrf14; mkfifo /etc/netns/vrf14/hosts",
      nullptr, 0, "vrf14/hosts, which is no regular file"},
     {"own file is a dangling link", 15,
      "ip netns add vrf15; mkdir /etc/netns/vrf15; ln -s gone /etc/netns/vrf15/resolv.conf", nullptr, 0,
      "vrf15/resolv.conf: No such file"},
-    {"nothing to lay it over", 16,
+    {"own file without one in /etc", 16,
      "ip netns add vrf16; mkdir /etc/netns/vrf16; touch /etc/netns/vrf16/gai.conf", nullptr, 0,
      "gai.conf over /etc/gai.conf: No such file"},
-    {"namespaces refused", 1, "", refuse_system_call, SYS_setns, "vrf1: Input/output error"},
-    {"no view of files, no namespace to flee to", 1, "", refuse_system_call, SYS_unshare, "view", true},
-    {"mounts refused", 1, "", refuse_system_call, SYS_mount, "Input/output error"},
-    {"own files refused", 1, "", refuse_system_call, SYS_open_tree, "vrf1/resolv.conf: Input/output error"},
-    {"laying over refused", 1, "", refuse_system_call, SYS_move_mount, "over /etc/resolv.conf: Input/output"},
-    {"programs refused", 5, "", refuse_system_call, SYS_bpf,
+    {"setns refused", 1, "", refuse_system_call, SYS_setns, "vrf1: Input/output error"},
+    {"unshare refused", 1, "", refuse_system_call, SYS_unshare, "view", true},
+    {"mount refused", 1, "", refuse_system_call, SYS_mount, "Input/output error"},
+    {"open_tree refused", 1, "", refuse_system_call, SYS_open_tree, "vrf1/resolv.conf: Input/output error"},
+    {"move_mount refused", 1, "", refuse_system_call, SYS_move_mount, "over /etc/resolv.conf: Input/output"},
+    {"bpf refused", 5, "", refuse_system_call, SYS_bpf,
      "asking for programs (needs CAP_NET_ADMIN): Input/output error"},
-    {"control groups refused", 5, "", refuse_system_call, SYS_fsopen,
+    {"fsopen refused", 5, "", refuse_system_call, SYS_fsopen,
      "mounting the unified hierarchy of control groups: Input/output error"},
     {"outside the root of its control groups", 5, "mkdir /sys/fs/cgroup/inner", leave_control_groups, 0,
      "own control group /.. is outside the root of its namespace"},
-    {"no group can be made", 5,
+    {"no control group can be made", 5,
      "mkdir /sys/fs/cgroup/limited; echo 0 > /sys/fs/cgroup/limited/cgroup.max.depth", enter_limited_group, 0,
      "below /limited/: Resource temporarily unavailable"},
-#ifndef SYS_socketcall /* through which all the socket calls go where it exists */
-    {"no socket, namespace", 1, "", refuse_system_call, SYS_getsockopt, "device of a socket: Input/output"},
-    {"no socket, device", 5, "", refuse_system_call, SYS_getsockopt, "device of a socket: Input/output"},
+#ifndef SYS_socketcall /* where it exists, all socket calls go through it */
+    {"getsockopt, namespace", 1, "", refuse_system_call, SYS_getsockopt, "device of a socket: Input/output"},
+    {"getsockopt, device", 5, "", refuse_system_call, SYS_getsockopt, "device of a socket: Input/output"},
 #endif
-    {"no folder to hide", 2, "mount -t tmpfs none /var/lib; mkdir /var/lib/sss; touch /var/lib/sss/pipes",
+    {"pipes is a file", 2, "mount -t tmpfs none /var/lib; mkdir /var/lib/sss; touch /var/lib/sss/pipes",
      nullptr, 0, "hiding /var/lib/sss/pipes: Not a directory"},
 };
 
-/* Not in a chroot, and not where the machine forbids it. */
+/* False in a chroot, and where the machine forbids it. */
 static bool users_get_namespaces()
 {
     return in_its_own_process(
@@ -230,34 +230,34 @@ static std::string next_problem(uint64_t *cursor)
     return "no problem";
 }
 
-TEST(Vrf, ReachesNothingWhenItCannotBeBound)
+TEST(Vrf, FailedBindingReachesNothing)
 {
     uint64_t cursor = 0;
-    const bool has_refuge = users_get_namespaces();
-    poison_host();
+    const bool has_user_namespaces = users_get_namespaces();
+    poison_nscd();
     linux_history_enable(1);
-    for (hindrance c : hindrances) {
+    for (bind_fault c : bind_faults) {
         SCOPED_TRACE(c.what);
-        EXPECT_TRUE(shell(c.machine));
-        const job_report lookup = run_job(hindered_lookup, &c);
+        EXPECT_TRUE(shell(c.setup));
+        const job_report lookup = run_job(faulty_lookup, &c);
         const std::string problem = next_problem(&cursor);
         EXPECT_NE(problem.find(c.reason), problem.npos) << problem;
         EXPECT_NE(lookup.result != 0, lookup.code == LINUX_JOB_NO_RESULT)
-            << "neither failed nor ended itself";
+            << "the lookup must fail, or the job exit";
         EXPECT_TRUE(std::all_of(lookup.buffer.begin(), lookup.buffer.end(),
                                 [](char byte) { return byte == 0 || byte == ENTRY_FAILED; }));
 
-        const job_report bound = run_job(hindered_binding, &c);
+        const job_report bound = run_job(faulty_binding, &c);
         EXPECT_EQ(next_problem(&cursor), problem);
-        const bool ends = c.ends || (c.hinder == drop_privilege && !has_refuge);
-        EXPECT_EQ(bound.code == LINUX_JOB_NO_RESULT, ends) << bound.code;
+        const bool exits = c.exits || (c.inject == drop_privilege && !has_user_namespaces);
+        EXPECT_EQ(bound.code == LINUX_JOB_NO_RESULT, exits) << bound.code;
         binding found = {};
         memcpy(&found, bound.buffer.data(), std::min(bound.buffer.size(), sizeof found));
-        if (ends)
+        if (exits)
             continue;
         EXPECT_EQ(found.result, -1);
         EXPECT_NE(problem.find(found.reason), problem.npos) << found.reason;
-        EXPECT_TRUE(found.name_space != 0 && found.name_space != own_namespace());
+        EXPECT_TRUE(found.network != 0 && found.network != own_network());
         EXPECT_FALSE(found.gets_socket);
     }
     for (const int vrf : {0, 1, 2, 5})
@@ -265,10 +265,10 @@ TEST(Vrf, ReachesNothingWhenItCannotBeBound)
 }
 
 /*
- * While a job waits for its answer, the daemon's own file is replaced, as a DHCP client does it, and what lay over it is
- * gone; or another device gets the name of the job's, and a second job is bound to that.
+ * While a job waits for its answer, the host's resolv.conf is replaced, as a DHCP client does; this removes the mount
+ * over it. Or another device takes the name of the job's device, and a second job is bound to that device.
  */
-TEST(Vrf, KeepsToWhatItWasBoundToOrGivesNoAnswer)
+TEST(Vrf, RunningJobKeepsItsBindingOrFails)
 {
     const struct {
         int vrf;
@@ -291,7 +291,7 @@ TEST(Vrf, KeepsToWhatItWasBoundToOrGivesNoAnswer)
         const std::string server = " $(cat /run/server" + std::to_string(c.vrf) + ".pid)";
         ASSERT_TRUE(shell("kill -STOP" + server));
         ASSERT_EQ(look_up("time.lab", c.vrf), "(-3)");
-        ASSERT_TRUE(eventually([&] { return packets(c.vrf) >= 4; })) << "the second job has not asked";
+        ASSERT_TRUE(eventually([&] { return packets(c.vrf) >= 4; })) << "the background job has not asked";
         ASSERT_TRUE(shell(c.change));
         if (c.meanwhile != nullptr) {
             EXPECT_EQ(look_up("next.lab", c.vrf), c.meanwhile);

@@ -1,5 +1,5 @@
 #!/bin/sh
-# run.sh PROGRAM RESOLVER: an example host, event by event: each case waits for lines of the host's, then ends it.
+# run.sh PROGRAM RESOLVER: test an example host. Each case starts it, waits for its lines, then terminates it.
 set -eu
 program=$1 resolver=$2
 work=$(mktemp -d)
@@ -11,7 +11,7 @@ fail() {
     exit 1
 }
 
-# start PRELOADED NAME: with answers that expire after a second, so that the host's timer is fast.
+# start PRELOADED NAME: start the host. Answers expire after a second, so that its timer is fast.
 start() {
     case=$2
     rm -f "$work/lines" "$work/trace" # a child of the last host may still be writing to these
@@ -22,57 +22,57 @@ start() {
     exec 3< "$work/lines"
 }
 
-# sees LINE...: the host says these, in this order, among others.
-sees() {
+# expect LINE...: wait until the host has printed these lines, in this order; it may print others.
+expect() {
     for expected; do
-        while read -r line <&3 || fail "ended without saying: $expected"; do
+        while read -r line <&3 || fail "ended without printing: $expected"; do
             echo "$line"
             case $line in "$case: "*"$expected"*) break ;; esac
         done
     done
 }
 
-# ends [TRACE...]: at once and in order, having done what the library's trace says, and without ever having waited.
-ends() {
+# stop [TRACE...]: send SIGTERM. The host must exit with 0, its trace must have these lines, and no call may have blocked.
+stop() {
     kill -s TERM "$host"
-    ended=$host host=
-    wait "$ended" || fail "exit status $?"
+    stopped=$host host=
+    wait "$stopped" || fail "exit status $?"
     exec 3<&-
     for expected; do
         grep -qF "$expected" "$work/trace" || fail "not in the trace: $expected"
     done
-    grep -q 'Async Name Resolution Job Forked' "$work/trace" || fail "there is no trace"
-    ! grep 'blocking spawnlet' "$work/trace" || fail "it waited"
+    grep -q 'Async Name Resolution Job Forked' "$work/trace" || fail "the trace shows no job"
+    ! grep 'blocking spawnlet' "$work/trace" || fail "the host blocked"
 }
 
 start '' localhost
-sees 127.0.0.1
-ends 'Found in Local Cache'
+expect 127.0.0.1
+stop 'Found in Local Cache'
 
 start '' 192.0.2.9
-sees 192.0.2.9
-ends
+expect 192.0.2.9
+stop
 
-# Both families; and again when they have expired.
+# Both families, and both again after they have expired.
 start "$resolver" pair.test
-sees '192.0.2.1 2001:db8::1' '192.0.2.1 2001:db8::1'
-ends 'Marking it as INVALID'
+expect '192.0.2.1 2001:db8::1' '192.0.2.1 2001:db8::1'
+stop 'Marking it as INVALID'
 
-# Found at a later try, when the name is there or the resolver no longer crashes. The script starts with its second call.
+# Found at a later try, when the name exists or the resolver no longer crashes. The script starts with its second call.
 touch "$work/late-fail.test.1" "$work/late-crash.test.1"
 start "$resolver" late-fail.test
-sees 'Name or service not known' 192.0.2.5
-ends
+expect 'Name or service not known' 192.0.2.5
+stop
 start "$resolver" late-crash.test
-sees 'child ended without a result' 192.0.2.6
-ends
+expect 'child ended without a result' 192.0.2.6
+stop
 
-# A job that succeeds and brings no record has left nothing to look up.
+# A job that succeeds without a record leaves nothing in the cache.
 start "$resolver" odd.test
-sees 'no usable answer' 'no usable answer'
-ends
+expect 'no usable answer' 'no usable answer'
+stop
 
-# While a job goes on and on, the timer ticks, and a signal ends the host.
+# While a job never ends, the timer keeps ticking, and a signal terminates the host.
 start "$resolver" stuck.test
-sees 'no addresses yet' 'no addresses yet' 'no addresses yet'
-ends 'Job Already Forked for server:stuck.test'
+expect 'no addresses yet' 'no addresses yet' 'no addresses yet'
+stop 'Job Already Forked for server:stuck.test'

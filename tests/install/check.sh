@@ -1,19 +1,19 @@
 #!/bin/sh
-# check.sh WHAT BUILD_DIR SOURCE_DIR: what `cmake --install` gives, used where it was moved to. The compilers and their
-# flags are in CC, CFLAGS, CXX, CXXFLAGS and LDFLAGS.
+# check.sh WHAT BUILD_DIR SOURCE_DIR: test what `cmake --install` installs, after moving it elsewhere. The compilers and
+# their flags are in CC, CFLAGS, CXX, CXXFLAGS and LDFLAGS.
 # shellcheck disable=SC2046,SC2086 # options are several words
 set -eu
 build=$2
 source=$3
 tests=$source/tests/install
 work=$build/install-tests
-# If there is a sysroot, that is where a build for it installs: pkg-config takes all paths for paths below it.
+# With a sysroot, install below it: pkg-config prepends the sysroot to all paths.
 place=${PKG_CONFIG_SYSROOT_DIR:-$work}/moved
 export PKG_CONFIG_PATH="$place/lib/pkgconfig"
 platform_only='libc.so.6 libdnscache-linux.so.0 libglib-2.0.so.0'
 other_libraries=${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 
-# answers ADDRESS PROGRAM [FOLDER]: what the program says of 127.0.0.1, with the library's trace around it.
+# answers ADDRESS PROGRAM [FOLDER]: the program must print ADDRESS for 127.0.0.1, among lines of the library's trace.
 answers() {
     LD_LIBRARY_PATH="${3:-$place/lib}$other_libraries" "$2" 127.0.0.1 > "$work/answers"
     grep -qx "$1" "$work/answers"
@@ -25,7 +25,7 @@ compile() { # MODULES OPTIONS...
     $CC $CFLAGS -std=gnu11 -Wall -Wextra -Werror "$@" $flags $LDFLAGS
 }
 
-# needs PROGRAM LIBRARIES: these, and no others.
+# needs PROGRAM LIBRARIES: the program must need these libraries and no others.
 needs() {
     needed=$(readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | LC_ALL=C sort | paste -sd ' ')
     [ "$needed" = "$2" ] || { echo "$1 needs $needed"; exit 1; }
@@ -39,7 +39,7 @@ tree)
     mv "$work/first" "$place"
     ;;
 paths)
-    # Nothing but the debug information knows where it was built or first installed.
+    # Only the debug information may contain the paths of the build and of the first installation.
     find "$place" -type f > "$work/files"
     [ "$(wc -l < "$work/files")" -ge 15 ]
     while read -r file; do
@@ -48,14 +48,14 @@ paths)
     done < "$work/files"
     ;;
 runtime)
-    # A switch gets the two libraries and no more.
+    # The component for switches has only the two libraries.
     rm -rf "$work/runtime"
     cmake --install "$build" --prefix "$work/runtime" --component runtime > "$work/log"
     (cd "$work/runtime/lib" && echo *) > "$work/files"
     grep -qx 'libdnscache-linux.so.0 libdnscache-linux.so.[0-9.]* libdnscache.so.0 libdnscache.so.[0-9.]*' "$work/files"
     ;;
 headers)
-    # Every header that the tree has for others, by the name that it has there, in C and in C++.
+    # Every public header compiles as C and as C++, included by its name in the source tree.
     cd "$source"
     for header in dnscache/dnscache.h platform/*.h platform/linux/linux_platform.h; do
         for compiler in "$CC $CFLAGS -std=c11 -xc" "$CXX $CXXFLAGS -std=c++20 -xc++"; do
@@ -70,8 +70,8 @@ pkg_config)
     answers 127.0.0.1 "$work/host"
     ;;
 other_platform)
-    # The same program, and the same library: only the platform layer is another one. Hardened libraries, such as those of
-    # the Debian packages, are bound to it at once.
+    # The same program and library run with another platform layer. LD_BIND_NOW resolves all symbols at start, as in
+    # hardened libraries such as those of the Debian packages.
     mkdir -p "$work/other"
     cp -P "$place"/lib/libdnscache.so.* "$work/other"
     memory=$build/CMakeFiles/dnscache_platform_memory_objects.dir/platform/memory/memory_platform.cpp.o
@@ -85,16 +85,16 @@ static)
     ;;
 cmake)
     cmake -G Ninja -S "$tests/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$place" \
-        -DCMAKE_EXE_LINKER_FLAGS=-Wl,--no-as-needed > "$work/log" # so that what is linked in vain shows
+        -DCMAKE_EXE_LINKER_FLAGS=-Wl,--no-as-needed > "$work/log" # so that unused libraries stay visible
     cmake --build "$work/consumer" > "$work/log" || { cat "$work/log"; exit 1; }
     answers 127.0.0.1 "$work/consumer/host"
     needs "$work/consumer/static_host" "$platform_only"
     answers 127.0.0.1 "$work/consumer/static_host"
     ;;
 program)
-    # It finds its libraries by itself.
+    # It finds its libraries without LD_LIBRARY_PATH.
     "$place/bin/dnscache-lookup" 127.0.0.1 > "$work/answers"
     grep -q '^127\.0\.0\.1 ' "$work/answers"
-    [ -e "$place/share/bash-completion/completions/dnscache-lookup" ] # the shell loads it by this name
+    [ -e "$place/share/bash-completion/completions/dnscache-lookup" ] # the shell loads the file by this name
     ;;
 esac

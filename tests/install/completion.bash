@@ -1,5 +1,5 @@
 #!/bin/bash
-# completion.bash COMPLETION PROGRAM: what is offered for a command line, in a process that knows the hosts below.
+# completion.bash COMPLETION PROGRAM: check the candidates for command lines, with the hosts below in HOSTFILE.
 # shellcheck disable=SC2317 # functions that the completion calls
 set -u
 export LC_ALL=C
@@ -13,7 +13,7 @@ HOSTFILE=$work/hosts
 
 line() { sort | paste -sd ' '; }
 
-# complete_line LINE: the candidates, sorted. The shell splits words at =.
+# complete_line LINE: print the candidates, sorted. The shell splits words at =.
 complete_line() {
     local COMP_WORDS COMP_CWORD COMPREPLY=()
     read -ra COMP_WORDS <<< "${1//=/ = }"
@@ -58,13 +58,13 @@ done << 'TABLE'
 [dnscache-lookup -- n] ntp1 ntp2
 TABLE
 
-# With the package bash-completion its own list of hosts counts.
+# With the package bash-completion, hosts come from its own list.
 _known_hosts_real() { COMPREPLY+=("known:$2"); }
 expect 'hosts of bash-completion' known:n "$(complete_line 'dnscache-lookup n')"
 
-# The program's own word on its options and VRFs
+# The options and VRFs are those that the program prints.
 options=$("$program" --help | sed -n 's/^  \(-.*\)   .*/\1/p' | grep -oE -- '--?[[:alpha:]-]+' | line)
-[[ $options == *--help*--vrfs* ]] || { echo "no options in --help"; wrong=1; }
+[[ $options == *--help*--vrfs* ]] || { echo "--help lists no options"; wrong=1; }
 expect options "$options" "$(complete_line 'dnscache-lookup -')"
 expect VRFs "$("$program" --vrfs -j | jq .vrf | line)" "$(complete_line "$program -V ")"
 exit $wrong

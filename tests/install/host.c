@@ -1,4 +1,4 @@
-/* host.c NAME: print the addresses of a name, as a program of somebody else's would. */
+/* host.c NAME: print the addresses of a name, built against an installed tree. */
 #include <arpa/inet.h>
 #include <stdio.h>
 

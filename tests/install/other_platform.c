@@ -1,4 +1,4 @@
-/* other_platform.c: with the memory platform, a layer for which every name is 192.0.2.1. */
+/* other_platform.c: a platform layer on the memory platform that resolves every name to 192.0.2.1. */
 #include <string.h>
 
 #include "dnscache/dnscache.h"
@@ -11,7 +11,7 @@ static uint32_t redirect(memory_job *job)
     return 0;
 }
 
-/* What a host of the Linux platform asks for before its first job. */
+/* A host of the Linux platform calls this before its first job. */
 uint32_t linux_queue_create(void)
 {
     memory.on_start = redirect;

@@ -1,5 +1,5 @@
 #!/bin/sh
-# check.sh WHAT BUILD_DIR SOURCE_DIR: what the manual says, against the headers, the program and the libraries.
+# check.sh WHAT BUILD_DIR SOURCE_DIR: compare the manual with the headers, the program and the libraries.
 # shellcheck disable=SC2046,SC2086 # options are several words
 set -eu
 build=$2
@@ -11,42 +11,42 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 unset DESTDIR
 
-# section PAGE HEADING: as a reader sees it.
+# section PAGE HEADING: print a section as rendered.
 section() {
     LC_ALL=C MANWIDTH=80 man -E ascii -l "$1" | awk -v heading="$2" '/^[A-Z]/ { inside = $0 == heading; next } inside'
 }
 
-# same EXPECTED ACTUAL: two lists, by file.
+# same EXPECTED ACTUAL: compare two files; the expected one must not be empty.
 same() {
     [ -s "$1" ] || { echo "nothing to compare with"; exit 1; }
     diff -u "$1" "$2"
 }
 
-# nothing FILE: what is wrong, if anything is.
+# nothing FILE: print a list of errors, which must be empty.
 nothing() {
     cat "$1"
     [ ! -s "$1" ]
 }
 
-# declared: the functions and objects in a piece of C.
+# declared: list the functions and objects that the C code on standard input declares.
 declared() {
     sed -n 's/^[a-zG].*[ *]\([a-z_0-9]\{1,\}\)(.*/\1/p; s/^extern .*[ *]\([a-z_]*\)[;[].*/\1/p' | sort
 }
 
-# page_names PAGE: what its NAME line lists.
+# page_names PAGE: list the names in its NAME line.
 page_names() {
     section "$1" NAME | tr '\n' ' ' | sed 's/ -.*//' | tr -s ', ' '\n' | sed '/^$/d' | sort
 }
 
-# blocks PAGE: the .EX blocks of its EXAMPLES as text, in files: programs by the name in their first line, sessions.
+# blocks PAGE: write the .EX blocks of its EXAMPLES to files: programs named by their first line, sessions by number.
 blocks() {
     rm -rf "$work/blocks"
     mkdir "$work/blocks"
     awk '/^\.SH/ { inside = $2 == "EXAMPLES" } /^\.E[XE]/ { taken = inside && /X/; number++; next }
          taken { print > (folder "/" number) }' folder="$work/blocks" "$1"
-    # What is not escaped looks like code, but is other characters in some outputs.
+    # Unescaped, these characters become other characters in some output formats.
     if sed "s/\\\\f[BP]//g; s/\\\\[-e&]//g; s/\\\\([a-z][a-z]//g" "$work"/blocks/* | grep -n "[-'^~\`\\\\]"; then
-        echo "$1: to be escaped"
+        echo "$1: unescaped characters"
         exit 1
     fi
     sed -i "s/\\\\f[BP]//g; s/\\\\[-]/-/g; s/\\\\(aq/'/g; s/\\\\(ha/^/g; s/\\\\(ti/~/g; s/\\\\(ga/\`/g; s/\\\\&//g; s/\\\\e/\\\\/g" \
@@ -57,7 +57,7 @@ blocks() {
     done
 }
 
-# play SESSION: do what it says, and show what comes of it.
+# play SESSION: run its commands, and print them with their output.
 play() {
     grep '^\$ ' "$1" | while IFS= read -r line; do
         printf '%s\n' "$line"
@@ -79,7 +79,7 @@ pages)
     nothing "$work/wrong"
     ;;
 names)
-    # Each exported name, and each function of the Linux platform, has a page, and there are no others.
+    # Each exported name and each function of the Linux platform has a page, and there are no other pages.
     cmake --install "$build/docs/man" --prefix "$work/usr" > /dev/null
     cat $headers | declared > "$work/declared"
     find "$work/usr" -name '*.3' -exec basename {} .3 \; | sort > "$work/found"
@@ -96,14 +96,14 @@ prototypes)
         page_names "$page" > "$work/names"
         declared < "$work/synopsis.c" > "$work/declared"
         same "$work/names" "$work/declared"
-        # Records are shown as they are declared, comments apart.
+        # Records appear as declared, except for comments.
         normal() { sed 's,/\*.*\*/,,' "$@" | tr -d ' \n'; }
         declarations=$(normal $headers)
         sed -n '/^typedef struct/,/^}/p' "$page" | sed 's/^}.*/&\n/' > "$work/records"
         while record=$(sed '/^$/q' | normal) && [ -n "$record" ]; do
             case $declarations in
             *"$record"*) ;;
-            *) echo "$page: not declared so: $record"; exit 1 ;;
+            *) echo "$page: not declared like this: $record"; exit 1 ;;
             esac
         done < "$work/records"
     done
@@ -122,7 +122,7 @@ examples)
             [ ! -e "$program" ] || $cc "$program" -o "${program%.c}" -L"$build" -ldnscache -ldnscache-linux \
                 $(pkg-config --libs glib-2.0) -Wl,-rpath,"$build"
         done
-        grep -l '^\$ ' "$work"/blocks/[0-9]* > "$work/sessions" || { echo "$page: runs nothing"; exit 1; }
+        grep -l '^\$ ' "$work"/blocks/[0-9]* > "$work/sessions" || { echo "$page: no session"; exit 1; }
         while read -r session; do
             play "$session" > "$work/actual"
             diff -u --label "$page" --label actual "$session" "$work/actual"

@@ -1,5 +1,5 @@
 #!/bin/sh
-# check.sh WHAT BUILD_DIR SOURCE_DIR: the Debian packages, as dpkg installs them into a folder with a database of its own.
+# check.sh WHAT BUILD_DIR SOURCE_DIR: check the Debian packages, installed by dpkg into a folder with its own database.
 set -eu
 packages=$3/build/packages
 work=$2/packages-tests
@@ -8,7 +8,7 @@ database=$root/var/lib/dpkg
 libraries=$root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 PATH=$PATH:/usr/sbin:/sbin # dpkg looks for ldconfig there
 
-put_in() { # PACKAGE...
+install_packages() { # PACKAGE...
     for package in "$@"; do
         set -- "$@" "$packages/${package}"_*.deb
         shift
@@ -16,19 +16,19 @@ put_in() { # PACKAGE...
     dpkg --root="$root" --log="$work/dpkg.log" --force-not-root --install "$@" > "$work/log" 2>&1
 }
 
-# answers PROGRAM: what it says of 127.0.0.1, maybe with more around it.
+# answers PROGRAM: it must print the address 127.0.0.1 for that name, possibly with other text.
 answers() {
     LD_LIBRARY_PATH=$libraries "$1" 127.0.0.1 | grep -q '^127\.0\.0\.1'
 }
 
 case $1 in
 install)
-    # None goes in before what it needs.
+    # dpkg refuses each package before its dependencies are installed.
     rm -rf "$work"
     mkdir -p "$database/info"
     touch "$database/status"
     while read -r package other; do
-        if put_in "$package" || ! grep -q "^ ${package}[:a-z0-9]* depends on $other\\b" "$work/log"; then
+        if install_packages "$package" || ! grep -q "^ ${package}[:a-z0-9]* depends on $other\\b" "$work/log"; then
             echo "$package does not need $other"
             exit 1
         fi
@@ -42,10 +42,10 @@ dnscache-tools libjson-glib-1.0-0
 EOF
     dpkg-query -s libc6 libglib2.0-0 libglib2.0-dev libjson-glib-1.0-0 > "$work/system"
     (echo && cat "$work/system") >> "$database/status"
-    put_in libdnscache0 libdnscache-dev dnscache-tools || { cat "$work/log"; exit 1; }
+    install_packages libdnscache0 libdnscache-dev dnscache-tools || { cat "$work/log"; exit 1; }
     ;;
 symbols)
-    # The build fails on what is not listed, but lets pass what is listed as new and is not there.
+    # The package build fails on unlisted symbols, but not on symbols that are listed as new and missing.
     sed -n 's/^ \(.*\)@Base.*/\1/p' "$database"/info/libdnscache0:*.symbols | sort > "$work/listed"
     nm -D --defined-only "$libraries"/*.so | awk 'NF == 3 { print $3 }' | sort > "$work/exported"
     [ -s "$work/exported" ]
@@ -81,6 +81,6 @@ hardening)
     done
     ;;
 lintian)
-    TMPDIR=$work lintian --fail-on error,warning "$packages"/*.changes # it leaves files there
+    TMPDIR=$work lintian --fail-on error,warning "$packages"/*.changes # lintian leaves files in TMPDIR
     ;;
 esac

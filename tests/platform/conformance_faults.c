@@ -1,5 +1,5 @@
 /*
- * conformance_faults.c: the Linux platform with one fault, which FAULT names. The conformance test has to find it.
+ * conformance_faults.c: the Linux platform with one fault, named by FAULT. The conformance test must report it.
  */
 #define _GNU_SOURCE
 #include <signal.h>
@@ -33,8 +33,8 @@ static int has(const char *fault)
 
 static spawnlet_body_t body_of_job;
 
-/* What becomes of a child before it runs its body. */
-static int spoilt_body(void *arg)
+/* Applies the fault to a child, then runs its body. */
+static int faulty_body(void *arg)
 {
     struct stat status;
     sigset_t all;
@@ -49,25 +49,25 @@ static int spoilt_body(void *arg)
     return body_of_job(arg);
 }
 
-static spawnlet_body_t spoil(spawnlet_body_t body)
+static spawnlet_body_t with_fault(spawnlet_body_t body)
 {
     body_of_job = body;
-    return spoilt_body;
+    return faulty_body;
 }
 
-static job_options less_time(const job_options *options)
+static job_options shortened(const job_options *options)
 {
     job_options less = *options;
-    if (has("takes seconds for less"))
+    if (has("shortens time-outs"))
         less.timeout_secs = 1;
     return less;
 }
 
-static void *into_one_buffer(void *ret_info, uint32_t size)
+static void *in_one_buffer(void *ret_info, uint32_t size)
 {
     static char buffer[1676];
     const int fits = ret_info != NULL && size <= sizeof buffer;
-    return has("has one buffer") && fits ? memcpy(buffer, ret_info, size) : ret_info;
+    return has("reuses one buffer") && fits ? memcpy(buffer, ret_info, size) : ret_info;
 }
 
 static uint32_t registered;
@@ -79,48 +79,48 @@ uint32_t __wrap_spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_inf
     static int failed;
     static char other_argument[1000], last_record[1676];
     const struct itimerval none = {{0, 0}, {0, 0}};
-    const job_options less = less_time(options);
+    const job_options less = shortened(options);
     linux_completion lost;
-    if (has("runs in the host")) {
+    if (has("runs the body in the host")) {
         *ret_syserr = body(arg);
         return 0;
     }
-    if ((has("fails for good after a failure") && failed) ||
-        (has("takes 0 for no time") && options->timeout_secs == 0))
+    if ((has("fails every job after a failure") && failed) ||
+        (has("refuses a time-out of 0") && options->timeout_secs == 0))
         return 1;
     const uint32_t code = __real_spawnlet_fork_fp(
-        spoil(body), has("loses the argument") ? other_argument : arg, ret_info, ret_info_size, ret_syserr,
-        &less, has("loses the input") ? NULL : in, has("loses the output") ? NULL : out, err);
+        with_fault(body), has("loses the argument") ? other_argument : arg, ret_info, ret_info_size,
+        ret_syserr, &less, has("loses the input") ? NULL : in, has("loses the output") ? NULL : out, err);
     failed = failed || code != 0;
-    if (has("is late") && code != 0)
+    if (has("reports failures late") && code != 0)
         sleep(6);
-    *ret_info = into_one_buffer(*ret_info, *ret_info_size);
+    *ret_info = in_one_buffer(*ret_info, *ret_info_size);
     if (has("stops the host's timer"))
         setitimer(ITIMER_REAL, &none, NULL);
-    if (has("takes completions of others") && registered != 0)
+    if (has("consumes completions") && registered != 0)
         __real_linux_queue_next(registered, &lost);
-    if (has("brings the last record again") && *ret_info_size == sizeof last_record)
+    if (has("returns the last record again") && *ret_info_size == sizeof last_record)
         memcpy(last_record, *ret_info, sizeof last_record);
-    else if (has("brings the last record again"))
+    else if (has("returns the last record again"))
         *ret_info_size = sizeof last_record;
-    if (has("returns no negative result") && *ret_syserr < 0)
+    if (has("hides negative results") && *ret_syserr < 0)
         *ret_syserr = 0;
-    if (has("cuts the record"))
+    if (has("truncates the record"))
         *ret_info_size /= 2;
-    if (has("spoils the record") && *ret_info != NULL)
+    if (has("corrupts the record") && *ret_info != NULL)
         memset(*ret_info, 0xff, 1);
-    if (has("collects every child"))
+    if (has("reaps every child"))
         while (waitpid(-1, NULL, WNOHANG) > 0)
             ;
-    if (has("leaves a descriptor"))
+    if (has("leaks a descriptor"))
         dup(1);
-    if (has("leaves a child") && fork() == 0)
+    if (has("leaks a child") && fork() == 0)
         _exit(0);
     if (has("changes SIGCHLD"))
         signal(SIGCHLD, SIG_IGN);
-    if (has("prints twice") && out != NULL)
+    if (has("prints output twice") && out != NULL)
         fputs("body ", out);
-    return has("knows no failure") ? 0 : code;
+    return has("hides failures") ? 0 : code;
 }
 
 uint32_t __wrap_spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one, const job_options *options,
@@ -129,14 +129,15 @@ uint32_t __wrap_spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one,
     void *ret_info;
     uint32_t size;
     int32_t result;
-    if (has("needs a queue first") && registered == 0)
+    if (has("refuses jobs before there is a queue") && registered == 0)
         return 1;
-    if (has("waits at the start"))
+    if (has("runs each job once more, blocking"))
         __real_spawnlet_fork_fp(body, arg, &ret_info, &size, &result, options, in, out, err);
-    const uint32_t code = __real_spawnlet_fork_fp_async(spoil(body), arg, one, options, in, out, err, handle);
-    if (has("gives each job the same handle"))
+    const uint32_t code =
+        __real_spawnlet_fork_fp_async(with_fault(body), arg, one, options, in, out, err, handle);
+    if (has("gives all jobs the same handle"))
         *handle = 7;
-    if (has("keeps the handle to itself"))
+    if (has("stores a wrong handle"))
         *handle = 0xfeedbeef;
     return code;
 }
@@ -159,9 +160,9 @@ int __wrap_linux_queue_next(uint32_t queue, linux_completion *done)
         done->syserr = 0;
     if (has("completes without a record"))
         done->ret_info_size = 0;
-    if (has("completes with a record always"))
+    if (has("always completes with a record"))
         done->ret_info_size = 1676;
-    done->ret_info = into_one_buffer(done->ret_info, done->ret_info_size);
+    done->ret_info = in_one_buffer(done->ret_info, done->ret_info_size);
     return taken;
 }
 
@@ -175,22 +176,22 @@ const char *__wrap_errcode2str(uint32_t code)
     static char text[32];
     if (has("has no text for a code") && code == 99)
         return NULL;
-    if (has("writes texts over each other"))
+    if (has("overwrites the text of a code"))
         return snprintf(text, sizeof text, "code %u", code), text;
     return __real_errcode2str(code);
 }
 
 int __wrap_nsbind_set_global_context(int32_t vrf)
 {
-    if (has("binds to nothing"))
+    if (has("fails every binding"))
         return -1;
-    return has("binds to anything") ? 0 : __real_nsbind_set_global_context(vrf);
+    return has("accepts every VRF") ? 0 : __real_nsbind_set_global_context(vrf);
 }
 
 int __wrap_rtctx_api_init(void)
 {
     static int opened;
-    return has("opens once") && opened++ > 0 ? 0 : __real_rtctx_api_init();
+    return has("opens the routing context only once") && opened++ > 0 ? 0 : __real_rtctx_api_init();
 }
 
 uint32_t __wrap_spawnlet_register_async_q(uint32_t queue)
@@ -201,7 +202,7 @@ uint32_t __wrap_spawnlet_register_async_q(uint32_t queue)
 
 int __wrap_evtrack_hist_event(uint32_t event_class, uint32_t length, const void *record)
 {
-    if (has("ends at a message without text") && length == 5)
+    if (has("aborts on an empty message") && length == 5)
         abort();
     return __real_evtrack_hist_event(event_class, length, record);
 }

@@ -27,7 +27,7 @@ TEST(Evtrack, IsOffAtStart)
     EXPECT_EQ(platmgr_partition_get(), 70000u);
 }
 
-TEST(Evtrack, HistoryShowsTheRecordsOfChildrenToo)
+TEST(Evtrack, HistoryIncludesRecordsOfChildren)
 {
     ASSERT_EQ(linux_history_enable(1), 0);
     EXPECT_EQ(evtrack_hist_event_subtype_check(0x730000, 101), 0);
@@ -52,7 +52,7 @@ TEST(Evtrack, HistoryShowsTheRecordsOfChildrenToo)
     EXPECT_EQ(linux_history_read(&cursor, &entry), 0);
 }
 
-TEST(Evtrack, RingKeepsTheLatestAndCutsTheLong)
+TEST(Evtrack, HistoryKeepsLatestRecordsAndCutsLongOnes)
 {
     linux_history_enable(1);
     for (int i = 1; i <= LINUX_HISTORY_RECORDS + 10; i++)
@@ -71,7 +71,7 @@ TEST(Evtrack, RingKeepsTheLatestAndCutsTheLong)
     EXPECT_EQ(text_of(entry).size(), LINUX_HISTORY_BYTES - 5u);
 }
 
-TEST(Evtrack, DebugPrintHasALineForEachMessageAndNeverWaits)
+TEST(Evtrack, DebugPrintWritesOneLinePerMessageAndNeverBlocks)
 {
     linux_debug_enable(1);
     EXPECT_NE(evtrack_chk_int(101, 0, 0, 1), 0);

@@ -1,6 +1,6 @@
 #include "tests/support/jobs.h"
 
-/* One process has one queue, for all tests that run in it. */
+/* A process can register only one queue: all tests in it share this one. */
 static uint32_t the_queue()
 {
     static const uint32_t queue = [] {
@@ -11,7 +11,7 @@ static uint32_t the_queue()
     return queue;
 }
 
-TEST(SpawnletQueue, DeliversJobsThatWereStartedBeforeIt)
+TEST(SpawnletQueue, DeliversJobsStartedBeforeItsRegistration)
 {
     linux_completion done;
     EXPECT_EQ(linux_queue_next(1, &done), -1);
@@ -21,7 +21,7 @@ TEST(SpawnletQueue, DeliversJobsThatWereStartedBeforeIt)
     EXPECT_EQ(*static_cast<char *>(done.ret_info), 'b');
 }
 
-TEST(SpawnletQueue, RefusesWhatIsNoQueueAndASecondOne)
+TEST(SpawnletQueue, RefusesInvalidDescriptorAndSecondQueue)
 {
     EXPECT_EQ(spawnlet_register_async_q(0), LINUX_JOB_BAD_ARGUMENT);
     EXPECT_EQ(spawnlet_register_async_q(4000), LINUX_JOB_BAD_ARGUMENT);
@@ -34,16 +34,16 @@ TEST(SpawnletQueue, RefusesWhatIsNoQueueAndASecondOne)
     close(static_cast<int>(second));
 }
 
-TEST(SpawnletQueue, AnAnswerThatCameInTimeIsOneHoweverLateTheHostLooks)
+TEST(SpawnletQueue, AcceptsTimelyResultReadAfterTheDeadline)
 {
     const job_way &largest = job_ways()[5];
     the_queue();
     start_job(largest.body, largest.arg, 1);
     siginfo_t exited;
     waitid(P_ALL, 0, &exited, WEXITED | WNOWAIT);
-    poll(nullptr, 0, 1000); /* the deadline is behind, whatever else happens */
+    poll(nullptr, 0, 1000); /* until the deadline has passed */
     linux_completion done = {};
-    EXPECT_EQ(linux_queue_next(the_queue(), &done), 1); /* the first look brings it */
+    EXPECT_EQ(linux_queue_next(the_queue(), &done), 1); /* at the first call */
     EXPECT_EQ(done.syserr, 0u);
     EXPECT_EQ(done.ret_info_size, largest.size);
 }
@@ -65,13 +65,13 @@ TEST(SpawnletQueue, DispatchTakesAllThatIsWaitingAndEndsEachJob)
     EXPECT_EQ(calls, "record 1676, none 0, brecord 1676, none 0, b");
 }
 
-TEST(SpawnletQueue, BoundsTheJobsAndCountsThem)
+TEST(SpawnletQueue, LimitsAndCountsJobs)
 {
     linux_job_counters before, after;
     the_queue();
     linux_jobs_started(&before);
     for (int i = 0; i < LINUX_JOBS_MAX; i++)
-        start_job([](void *) { return pause(); }, nullptr, 1); /* nothing but the deadline wakes the queue */
+        start_job([](void *) { return pause(); }, nullptr, 1); /* only the deadline wakes the queue */
     uint32_t handle = 99;
     const job_options options = options_for(1);
     EXPECT_EQ(spawnlet_fork_fp_async(hang, nullptr, 1, &options, nullptr, nullptr, nullptr, &handle),

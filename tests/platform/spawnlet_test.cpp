@@ -12,7 +12,7 @@
 
 #include "tests/support/jobs.h"
 
-TEST(Spawnlet, EndsInTheResultOrTheCodeOfWhatTheChildDid)
+TEST(Spawnlet, ReportsResultOrErrorOfTheChild)
 {
     for (const job_way &way : job_ways()) {
         const job_report report = run_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20);
@@ -50,14 +50,14 @@ TEST(Spawnlet, RefusesBadArguments)
               LINUX_JOB_BAD_ARGUMENT);
 }
 
-TEST(Spawnlet, NoJobLivesForEver)
+TEST(Spawnlet, ChildAlarmFollowsTheTimeout)
 {
     const auto time_left = [](void *) { return static_cast<int>(alarm(0)); };
     for (const auto &[asked, given] : {std::pair{0, 301}, {7, 8}, {INT32_MAX, 301}})
         EXPECT_NEAR(run_job(time_left, nullptr, asked).result, given, 1);
 }
 
-TEST(Spawnlet, SaysWhenThereMayBeNoMoreProcesses)
+TEST(Spawnlet, ReportsProcessLimitAsForkRefused)
 {
     EXPECT_TRUE(in_its_own_process([] {
         const struct rlimit none = {0, 0};
@@ -66,7 +66,7 @@ TEST(Spawnlet, SaysWhenThereMayBeNoMoreProcesses)
     }));
 }
 
-/* What is wrong with the process that the body finds itself in. */
+/* Hands back what is wrong with the process that the body runs in. */
 static int inspect(void *parent)
 {
     std::string wrong;
@@ -89,16 +89,16 @@ static int inspect(void *parent)
         else if (found.st_rdev != null_device.st_rdev)
             wrong += "stream; ";
     }
-    /* Its own channel, and regular files: without them the debug log would be gone. */
+    /* Open are its own channel and regular files: one of these may be the debug log. */
     if (kinds[S_IFSOCK] != 1 || kinds[S_IFREG] < 1 || kinds.size() != 2)
         wrong += "descriptors; ";
     spawnlet_done(wrong.data(), static_cast<uint32_t>(wrong.size()));
     return 0;
 }
 
-TEST(Spawnlet, ChildShedsWhatIsTheHosts)
+TEST(Spawnlet, ChildResetsSignalsAndClosesDescriptors)
 {
-    close_range(60, ~0U, 0); /* a high one of who has started the test would change the way */
+    close_range(60, ~0U, 0); /* an inherited high descriptor would select another code path */
     int pair[2], pipes[2];
     ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0 && pipe(pipes) == 0);
     const int regular = open("/proc/self/exe", O_RDONLY), name_space = open("/proc/self/ns/net", O_RDONLY);
@@ -114,7 +114,7 @@ TEST(Spawnlet, ChildShedsWhatIsTheHosts)
     const job_report report = run_job(inspect, &parent);
     EXPECT_EQ(report.code, 0u);
     EXPECT_EQ(report.buffer, "");
-    /* The host's own are as before. */
+    /* The host's own are unchanged. */
     sigprocmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_TRUE(sigismember(&mask, SIGTERM) == 1 && sigismember(&mask, SIGINT) == 0);
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
@@ -122,7 +122,7 @@ TEST(Spawnlet, ChildShedsWhatIsTheHosts)
         EXPECT_EQ(close(fd), 0);
 }
 
-TEST(Spawnlet, ChildShedsHoweverManyAndHighTheHostsDescriptorsAre)
+TEST(Spawnlet, ChildClosesManyAndHighDescriptors)
 {
     static constexpr struct {
         int first, last;
@@ -145,11 +145,11 @@ TEST(Spawnlet, ChildShedsHoweverManyAndHighTheHostsDescriptorsAre)
             << " to " << row.last;
 }
 
-/* Some files tell of an event once, whoever asks. */
-TEST(Spawnlet, AJobTakesNoEventThatTheHostWaitsFor)
+/* Some files report an event only once, to the first process that polls. */
+TEST(Spawnlet, ChildConsumesNoEventOfTheHost)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "mounting takes root";
+        GTEST_SKIP() << "mounting needs root";
     EXPECT_TRUE(in_its_own_process([] {
         struct pollfd mounts = {.fd = -1, .events = POLLPRI, .revents = 0};
         if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
@@ -161,7 +161,7 @@ TEST(Spawnlet, AJobTakesNoEventThatTheHostWaitsFor)
     }));
 }
 
-/* out is a pipe to which the child writes in every way it can. */
+/* Writes to a pipe through all three output streams. */
 static int write_text(void *out)
 {
     fputs("stream ", static_cast<FILE *>(out));
@@ -170,10 +170,10 @@ static int write_text(void *out)
     return 0;
 }
 
-TEST(Spawnlet, TextComesOutOnceThoughTheHostEndsWithTheAnswer)
+TEST(Spawnlet, OutputIsWrittenOnceBeforeTheResult)
 {
     int ends[2];
-    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0); /* what is not there yet is missing */
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0); /* read() below must not wait for late text */
     FILE *out = fdopen(ends[1], "w");
     for (int i = 0; i < 30; i++) {
         EXPECT_TRUE(in_its_own_process([out] {
@@ -189,7 +189,7 @@ TEST(Spawnlet, TextComesOutOnceThoughTheHostEndsWithTheAnswer)
     }
 }
 
-TEST(Spawnlet, AReaderWhoStoppedReadingHoldsNothingUp)
+TEST(Spawnlet, FullOrClosedOutputPipeDoesNotBlockJobs)
 {
     const size_t before = open_descriptors().size() + 2;
     int ends[2];
@@ -199,16 +199,15 @@ TEST(Spawnlet, AReaderWhoStoppedReadingHoldsNothingUp)
     fcntl(ends[1], F_SETFL, 0);
     FILE *out = fdopen(ends[1], "w");
     const auto write_buffered = [](void *) { return fputs("stdout", stdout) < 0 ? 1 : 0; };
-    for (int i = 0; i <= LINUX_JOBS_MAX;
-         i++) /* the last one gets its place when the first has been made to leave */
+    for (int i = 0; i <= LINUX_JOBS_MAX; i++) /* the last job needs the slot of a child that has exited */
         EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
     EXPECT_TRUE(leaves_nothing_behind(before));
-    close(ends[0]); /* nor does one who has gone */
+    close(ends[0]); /* a closed pipe does not block jobs either */
     EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
 }
 
-/* In a host without standard streams everything that is opened lands on 0 to 2, unless care is taken. */
-static bool streams_keep_their_places()
+/* In a host without standard streams, descriptors 0 to 2 are given to whatever is opened, unless it is moved. */
+static bool works_without_streams()
 {
     for (int fd = 0; fd < 3; fd++)
         close(fd);
@@ -226,7 +225,7 @@ static bool streams_keep_their_places()
     return right && run_job(find_streams, nullptr, 20, nullptr, zero, nullptr).result == 7;
 }
 
-/* Which file each standard stream of the child is, by the letter of the host's, ! if no program would inherit it. */
+/* Hands back the host's file behind each standard stream, by its letter below; ! if it is close-on-exec. */
 static int name_streams(void *host_files)
 {
     const struct stat *files = static_cast<const struct stat *>(host_files);
@@ -244,8 +243,8 @@ static int name_streams(void *host_files)
     return 0;
 }
 
-/* Streams given to a job and those of the host that are closed, by 0 to 2 or h, a higher one; - is none. */
-TEST(Spawnlet, StreamsAreThoseGivenWhereverTheyWere)
+/* Streams given to a job, and those closed in the host: 0 to 2, h for a higher descriptor, - for none. */
+TEST(Spawnlet, ChildGetsTheGivenStreams)
 {
     static constexpr struct {
         const char *given, *closed, *expected;
@@ -276,7 +275,7 @@ TEST(Spawnlet, StreamsAreThoseGivenWhereverTheyWere)
             << " without " << row.closed;
 }
 
-TEST(Spawnlet, StreamsKeepTheirPlacesWithoutStandardStreams)
+TEST(Spawnlet, WorksWithoutStandardStreams)
 {
-    EXPECT_TRUE(in_its_own_process(streams_keep_their_places));
+    EXPECT_TRUE(in_its_own_process(works_without_streams));
 }

@@ -15,7 +15,7 @@ static std::string frame(uint32_t kind, uint32_t size, const std::string &payloa
     return bytes + payload;
 }
 
-TEST(SpawnletWire, ReadsTheSameInPortionsOfAnySize)
+TEST(SpawnletWire, ParsesFramesInPortionsOfAnySize)
 {
     const std::string result("\x2a\0\0\0", 4);
     const struct {

@@ -15,15 +15,15 @@ static const char *map_file(const std::string &folder, int sharing)
     return mapped != MAP_FAILED ? static_cast<const char *>(mapped) : nullptr;
 }
 
-/* So many that they are read in many portions, and one so long that it is cut, as are lines that follow it. */
-TEST(VrfNscd, ForgetsSharedTablesAndNothingElse)
+/* So many mappings that their list takes many reads, which cut lines, and one line longer than the buffer. */
+TEST(VrfNscd, ForgetsOnlySharedTables)
 {
     std::string top = std::filesystem::temp_directory_path() / "dnscache-test-XXXXXX";
     ASSERT_NE(mkdtemp(top.data()), nullptr);
     EXPECT_TRUE(in_its_own_process([&] {
         std::string too_long = top;
         for (int i = 0; i < 9; i++)
-            too_long += "/" + std::string(250, '\n'); /* four characters each, as the kernel writes them */
+            too_long += "/" + std::string(250, '\n'); /* the kernel writes each as four characters */
         std::vector<const char *> tables, others;
         for (int i = 0; i < 200; i++) {
             const std::string folder = top + "/" + std::string(static_cast<size_t>(i), 'f');
@@ -31,7 +31,7 @@ TEST(VrfNscd, ForgetsSharedTablesAndNothingElse)
             others.push_back(map_file(folder + "/nscd", MAP_PRIVATE));
             others.push_back(map_file(folder + "/sdcn", MAP_SHARED));
         }
-        others.push_back(map_file(too_long, MAP_SHARED)); /* the last is the first to be read */
+        others.push_back(map_file(too_long, MAP_SHARED)); /* the last mapping is listed first */
         if (vrf_forget_nscd() != 0)
             return false;
         for (const char *table : tables)
