@@ -191,7 +191,7 @@ golden)
     same "$source/tests/abi/golden/read.txt" "$work/read"
     ;;
 readme)
-    # The programs in the documents build unchanged and print what the documents say.
+    # The programs in the documents build unchanged and print the expected answers.
     program README.md host "$build/libdnscache-linux.so"
     "$work/host" localhost > "$work/answers"
     grep -q '^127\.0\.0\.1$' "$work/answers" # between lines of the library's trace

@@ -241,7 +241,7 @@ static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
     linux_vrf *list = armed([&vrfs] { return linux_vrf_list(&vrfs); });
     REQUIRE(list == nullptr || vrfs == 4);
     free(list);
-    dns_cache_set_timeout(-1); /* everything has expired */
+    dns_cache_set_timeout(-1); /* every record has expired */
     armed([] { return refresh_dns_cache(), 0; });
     REQUIRE(local_cache == nullptr);
     take_completions(queue);
@@ -334,7 +334,7 @@ static void leave_memory(rlim_t bytes)
     free(left);
 }
 
-/* In addition to the queue's. */
+/* Leaves that many descriptors in addition to the queue's. */
 static void leave_descriptors(rlim_t count)
 {
     const int next = dup(STDOUT_FILENO);
@@ -350,7 +350,7 @@ static void leave_processes(rlim_t count)
     set_limit(RLIMIT_NPROC, count);
 }
 
-/* Each resource goes from too little for any lookup to enough for all. */
+/* Raises each limit from too little for any lookup to enough for all. */
 TEST(Fault, LookupsRecoverWhenLimitsAreRaised)
 {
     const struct {

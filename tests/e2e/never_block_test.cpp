@@ -14,7 +14,7 @@
 static constexpr int BLOCKING_SECONDS = 3;
 static constexpr long ALLOWED_MS = BLOCKING_SECONDS * 1000 + 250;
 static constexpr int SHORTEST_WAIT_MS = 2900;
-static constexpr int LONGEST_JOB_MS = 6000; /* of jobs that end by themselves */
+static constexpr int LONGEST_JOB_MS = 6000; /* for jobs that end by themselves */
 
 enum reply_kind { ANSWER, GARBAGE, TRUNCATED, SERVER_FAILURE, OTHER_ID };
 enum tcp_kind { TCP_RESET, TCP_SILENT };
@@ -81,7 +81,7 @@ static std::string reply_to(const std::string &query, reply_kind kind)
     return reply;
 }
 
-/* A process for each query, so that delays do not add up. */
+/* Answers each query in its own process, so that delays do not add up. */
 [[noreturn]] static void serve(int server, const fault &fault)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -165,7 +165,7 @@ static void call_all(row *row, int vrf)
     const std::string last = timed(row, LOOKUP, [&] { return look_up("time.lab", vrf); });
     snprintf(row->last_lookup, sizeof row->last_lookup, "%s", last.c_str());
     look_up("kept.lab", 0);
-    dns_cache_set_timeout(-1); /* everything has expired */
+    dns_cache_set_timeout(-1); /* every record has expired */
     const int before = running_jobs;
     timed(row, CHECK, [] {
         struct addrinfo *found = nullptr;

@@ -27,7 +27,7 @@ static void set_next_pid(pid_t pid)
     close(last);
 }
 
-/* A stranger exits on SIGUSR1. One that was killed instead has been signalled by the library. */
+/* A stranger exits on SIGUSR1. One that was killed instead has been signaled by the library. */
 static void end_stranger(pid_t stranger)
 {
     int status = 0;
@@ -148,5 +148,5 @@ TEST(Strangers, WithReusedPidsAreNotTakenForJobs)
     ASSERT_EQ(replaced->stranger, replaced->child);
     EXPECT_EQ(run_job(nothing).code, 0u);
     EXPECT_EQ(kill(replaced->child, 0), 0);
-    EXPECT_EQ(replaced->stranger, replaced->child) << "it was signalled";
+    EXPECT_EQ(replaced->stranger, replaced->child) << "the stranger was signaled";
 }

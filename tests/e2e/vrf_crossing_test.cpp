@@ -38,7 +38,7 @@ struct question {
     const char *address;
     const char *device;             /* for IP_PKTINFO, or nullptr */
     bool crosses_vrf, crosses_veth; /* if the socket is only bound to the device */
-    bool is_own;                    /* is VRF 5's: a packet must be sent, unless it crosses */
+    bool is_own;                    /* belongs to VRF 5: must send a packet, unless it crosses */
     int type = SOCK_DGRAM;
 };
 

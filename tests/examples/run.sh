@@ -32,7 +32,7 @@ expect() {
     done
 }
 
-# stop [TRACE...]: send SIGTERM. The host must exit with 0, its trace must have these lines, and no call may have blocked.
+# stop [TRACE...]: send SIGTERM. The host must exit with 0, its trace must have these lines, and no call may block.
 stop() {
     kill -s TERM "$host"
     stopped=$host host=

@@ -85,7 +85,7 @@ static)
     ;;
 cmake)
     cmake -G Ninja -S "$tests/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$place" \
-        -DCMAKE_EXE_LINKER_FLAGS=-Wl,--no-as-needed > "$work/log" # so that unused libraries stay visible
+        -DCMAKE_EXE_LINKER_FLAGS=-Wl,--no-as-needed > "$work/log" # so that needs() sees unused libraries
     cmake --build "$work/consumer" > "$work/log" || { cat "$work/log"; exit 1; }
     answers 127.0.0.1 "$work/consumer/host"
     needs "$work/consumer/static_host" "$platform_only"

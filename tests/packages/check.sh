@@ -16,7 +16,7 @@ install_packages() { # PACKAGE...
     dpkg --root="$root" --log="$work/dpkg.log" --force-not-root --install "$@" > "$work/log" 2>&1
 }
 
-# answers PROGRAM: it must print the address 127.0.0.1 for that name, possibly with other text.
+# answers PROGRAM: it must print 127.0.0.1, the address that it looks up, possibly with other text.
 answers() {
     LD_LIBRARY_PATH=$libraries "$1" 127.0.0.1 | grep -q '^127\.0\.0\.1'
 }

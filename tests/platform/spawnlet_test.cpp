@@ -89,7 +89,7 @@ static int inspect(void *parent)
         else if (found.st_rdev != null_device.st_rdev)
             wrong += "stream; ";
     }
-    /* Open are its own channel and regular files: one of these may be the debug log. */
+    /* Only its channel and regular files stay open: one of the files may be the debug log. */
     if (kinds[S_IFSOCK] != 1 || kinds[S_IFREG] < 1 || kinds.size() != 2)
         wrong += "descriptors; ";
     spawnlet_done(wrong.data(), static_cast<uint32_t>(wrong.size()));
@@ -206,7 +206,7 @@ TEST(Spawnlet, FullOrClosedOutputPipeDoesNotBlockJobs)
     EXPECT_EQ(run_job(write_buffered, nullptr, 20, nullptr, out, out).code, 0u);
 }
 
-/* In a host without standard streams, descriptors 0 to 2 are given to whatever is opened, unless it is moved. */
+/* Without standard streams in the host, new descriptors are 0 to 2 unless the code moves them. */
 static bool works_without_streams()
 {
     for (int fd = 0; fd < 3; fd++)
