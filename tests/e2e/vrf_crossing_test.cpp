@@ -189,7 +189,7 @@ TEST(Crossing, NoPacketOfAJobLeavesByAnInterfaceOfAnotherVrf)
 
 /* A job that keeps running while other jobs start and end. */
 static struct {
-    int asked, answered; /* counts */
+    int asked, answered; /* counters */
     question q;
 } *const long_job = shared<std::remove_pointer_t<decltype(long_job)>>();
 
