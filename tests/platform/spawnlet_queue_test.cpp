@@ -48,7 +48,7 @@ TEST(SpawnletQueue, AcceptsTimelyResultReadAfterTheDeadline)
     EXPECT_EQ(done.ret_info_size, largest.size);
 }
 
-TEST(SpawnletQueue, DispatchTakesAllThatIsWaitingAndEndsEachJob)
+TEST(SpawnletQueue, DispatchDeliversAllWaitingCompletions)
 {
     static std::string calls;
     the_queue();
