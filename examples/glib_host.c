@@ -56,9 +56,9 @@ static void look_up(struct host *host)
 }
 
 /*
- * Called once the library has the answer. A job that failed has stored nothing in the cache, so there is nothing to look
- * up: the timer starts the next job. A host of several servers finds in the record whose answer it is: serv_name, service
- * and vrf.
+ * Called once the library has the answer. A job that failed has stored nothing in the cache, so there is nothing to
+ * look up: the timer starts the next job. A host of several servers finds in the record whose answer it is:
+ * serv_name, service and vrf.
  */
 static void completion_delivered(const linux_completion *done, void *data)
 {

@@ -1,6 +1,6 @@
 /*
- * main.cpp: dnscache-lookup, a command-line host of the resolver cache: start-up, the requests in turn, and
- * the exit status.
+ * main.cpp: dnscache-lookup, a command-line host of the resolver cache: it starts up, handles the requests in turn,
+ * and returns the exit status.
  */
 #include <errno.h>
 #include <locale.h>
@@ -22,7 +22,7 @@ struct session {
     enum wait_mode wait;
     bool notice;
     FILE *answers;
-    int32_t bound_vrf; /* the last that a job could be bound to */
+    int32_t bound_vrf; /* the last VRF that passed explain_vrf() */
     enum exit_code worst;
 };
 
@@ -45,7 +45,7 @@ static void refuse(struct session *run, const char *where, const char *culprit, 
     note(run, LOOKUP_UNRESOLVED);
 }
 
-/* Nothing may stay in the buffer: a child inherits a copy of it. */
+/* The buffer must be empty at every fork: a child inherits a copy of it. */
 static bool flush_answers(struct session *run)
 {
     if (fflush(run->answers) == 0 && !ferror(run->answers))
@@ -68,7 +68,7 @@ static bool check_vrf(struct session *run, int32_t vrf)
     return false;
 }
 
-/* False: there is no point in going on. */
+/* Returns false when the program cannot go on. */
 static bool answer(struct session *run, const struct lookup_request *request)
 {
     if (!check_vrf(run, request->vrf))
@@ -147,7 +147,7 @@ static void answer_all(struct session *run)
         report_failure(run, "cannot make a completion queue");
         return;
     }
-    /* A trace on the same terminal says enough, and would be garbled by a line that comes and goes. */
+    /* A trace on the same terminal shows the progress already, and the line of the notice would garble it. */
     run->notice = !run->options.verbose && isatty(STDERR_FILENO);
     run->wait = run->options.no_wait ? WAIT_NOT : WAIT_FOR_JOB;
     if (run->options.hosts != nullptr)
@@ -164,7 +164,7 @@ static void list_vrfs(struct session *run)
         report_failure(run, "cannot list the VRFs");
 }
 
-/* Some file systems tell of a full disk only now. */
+/* Some file systems report a full disk only when the file is closed. */
 static void close_answers(struct session *run)
 {
     if (fclose(run->answers) != 0)
@@ -177,7 +177,7 @@ int main(int argc, char **argv)
     bool has_output;
     if (!occupy_standard_descriptors(&has_output))
         return LOOKUP_FAILED;
-    setlocale(LC_CTYPE, ""); /* for the help text, which GLib puts an ellipsis in */
+    setlocale(LC_CTYPE, ""); /* GLib puts an ellipsis into the help text */
     if (!parse_options(argc, argv, &run.options))
         return LOOKUP_USAGE;
     errno = EBADF;

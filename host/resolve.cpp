@@ -1,8 +1,8 @@
 /*
- * resolve.cpp: the lookup, and what -3 asks of a host.
+ * resolve.cpp: the lookup, and how a host handles the result -3.
  *
- * -3 is either "a background job goes on" or the resolver's own EAI_AGAIN with nothing behind it. Only the
- * job counters tell them apart, and waiting on the second would never end.
+ * -3 means either that a background job is running, or that the resolver itself returned EAI_AGAIN and no job is
+ * running. Only the job counters distinguish the two. In the second case waiting for a completion would never end.
  */
 #include "host/resolve.h"
 
@@ -30,7 +30,7 @@ static void note_completion(const linux_completion *done, void *data)
     waiter->ret_syserr = done->ret_syserr;
 }
 
-/* The library needs every completion, not only the awaited one: a job that is not reported counts as running forever. */
+/* The library needs every completion: a job that is not reported to it counts as running forever. */
 static void take_completions(struct job_waiter *waiter)
 {
     waiter->broken =
@@ -81,7 +81,7 @@ static void conclude(struct lookup_outcome *outcome, int result, enum exit_code 
     outcome->problem = problem;
 }
 
-/* The handle of the background job that the call started; 0: none. */
+/* Returns the handle of the background job that the call started; 0: none. */
 static uint32_t call_library(const struct lookup_request *request, struct lookup_outcome *outcome)
 {
     const struct addrinfo hints = {};
@@ -140,7 +140,7 @@ static void finish_in_background(struct job_waiter *waiter, const struct lookup_
 
 static void show_wait(const char *host)
 {
-    /* Short enough for one row of a terminal: erasing does not reach the row above. */
+    /* It must fit on one row of the terminal: ERASE_LINE erases only one. */
     g_autofree char *shown = printable_name(host);
     fprintf(stderr, "dnscache-lookup: waiting for %s", shown);
 }
@@ -150,7 +150,7 @@ struct lookup_outcome resolve(struct job_waiter *waiter, const struct lookup_req
 {
     struct lookup_outcome outcome = {};
     take_completions(waiter);
-    refresh_dns_cache(); /* a lookup never looks at age: the pass is what enforces the lifetime */
+    refresh_dns_cache(); /* enforces the lifetime: a lookup ignores the age of an answer */
 
     if (notice)
         show_wait(request->host);

@@ -1,5 +1,5 @@
 /*
- * resolve.h: one lookup from question to outcome, with the wait for its background job.
+ * resolve.h: one lookup, from the request to the outcome, including the wait for its background job.
  */
 #ifndef HOST_RESOLVE_H
 #define HOST_RESOLVE_H
@@ -10,14 +10,14 @@
 
 #include "host/exit_code.h"
 
-/* The completion queue in the main loop, and the job that is waited for. */
+/* The completion queue in the main loop, and the job that the program waits for. */
 struct job_waiter {
     uint32_t queue;
     GMainLoop *loop;
-    uint32_t awaited; /* handle; 0: nobody waits */
-    uint32_t syserr;  /* of the last job that was waited for */
+    uint32_t awaited; /* handle; 0: the program is not waiting */
+    uint32_t syserr;  /* of the last job that the program waited for */
     int32_t ret_syserr;
-    bool broken; /* no completion can be taken any more */
+    bool broken; /* completions can no longer be taken */
 };
 
 struct lookup_request {
@@ -29,34 +29,34 @@ struct lookup_request {
 enum answer_source : int {
     SOURCE_NONE,
     SOURCE_CACHE,
-    SOURCE_JOB,        /* the child that the call waited for */
-    SOURCE_BACKGROUND, /* the one that went on when the call gave up */
+    SOURCE_JOB,        /* the job that the call waited for */
+    SOURCE_BACKGROUND, /* the job that went on after the call returned -3 */
 };
 
 struct lookup_outcome {
-    int result; /* the library's code, or the background job's in its place */
+    int result; /* the library's code, or that of the background job */
     enum answer_source source;
     int64_t elapsed_us;
-    struct addrinfo *addresses; /* to be released with freeaddrinfo() */
+    struct addrinfo *addresses; /* the caller releases it with freeaddrinfo() */
     enum exit_code code;
-    const char *problem; /* a constant; NULL when the name resolved */
+    const char *problem; /* a constant string; NULL when the name resolved */
 };
 
 /*
  * job_waiter_open: register a completion queue with the library and the main loop.
  *
- * timeout_secs, lifetime_secs  as on the command line: 0 and -1 leave the library's own
+ * timeout_secs, lifetime_secs  as on the command line; 0 and -1 keep the library's defaults
  *
- * Returns false with errno. There is one waiter, and it lives as long as the program.
+ * Returns false with errno. There is one waiter, which exists as long as the program runs.
  */
 bool job_waiter_open(struct job_waiter *waiter, int32_t timeout_secs, int32_t lifetime_secs);
 
 enum wait_mode : int { WAIT_NOT, WAIT_FOR_JOB };
 
 /*
- * resolve: look one name up. Everything in *request has been checked.
+ * resolve: look up one name. The caller has checked all fields of *request.
  *
- * notice  a line on the terminal while it lasts: any lookup may take as long as the blocking time-out
+ * notice  show a line on the terminal during the lookup: any lookup may take as long as the blocking timeout
  */
 struct lookup_outcome resolve(struct job_waiter *waiter, const struct lookup_request *request,
                               enum wait_mode mode, bool notice);

@@ -31,7 +31,7 @@ static int by_path(const void *left, const void *right)
     return strcmp(*static_cast<char *const *>(left), *static_cast<char *const *>(right));
 }
 
-/* Paths in the order of their names; empty when the VRF has no files of its own. */
+/* The paths, sorted; empty when the VRF has no files of its own. */
 static GPtrArray *own_files(int32_t vrf)
 {
     GPtrArray *paths = g_ptr_array_new_with_free_func(g_free);

@@ -1,5 +1,5 @@
 /*
- * vrfs.h: which VRFs there are, and whether a job could be bound to one.
+ * vrfs.h: the list of VRFs, and whether a job can be bound to one.
  */
 #ifndef HOST_VRFS_H
 #define HOST_VRFS_H
@@ -9,7 +9,7 @@
 
 enum vrf_format : int { VRFS_AS_TEXT, VRFS_AS_JSON };
 
-/* print_vrfs: one line a VRF: its number, its kind, its own resolver files. False with errno. */
+/* print_vrfs: print one line per VRF: its number, kind and own resolver files. Returns false with errno. */
 bool print_vrfs(FILE *out, enum vrf_format format);
 
 /*

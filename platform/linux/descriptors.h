@@ -5,8 +5,8 @@
 #define PLATFORM_LINUX_DESCRIPTORS_H
 
 /*
- * above_streams: move a descriptor above 2, close-on-exec. A host that runs without standard streams may still print to
- * descriptors 1 and 2, so the job service keeps its own descriptors out of that range.
+ * above_streams: move a descriptor above 2, close-on-exec. A host that runs without standard streams may still print
+ * to descriptors 1 and 2, so the job service keeps its own descriptors out of that range.
  *
  * fd  closed if it has to be moved
  *

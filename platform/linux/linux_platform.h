@@ -1,19 +1,20 @@
 /*
- * linux_platform.h: what a host may call on Linux beyond the headers of platform/: the queue on which completions arrive,
- * the VRFs, and the platform's switches. C11 and C++20. Call it from one thread, which must live as long as its jobs do:
- * the kernel kills a child when the thread that forked it ends. A forked copy of the host must not use the queue.
+ * linux_platform.h: what a host may call on Linux beyond the headers of platform/: the queue on which completions
+ * arrive, the VRFs, and the platform's switches. C11 and C++20. Call it from one thread, which must live as long as
+ * its jobs do: the kernel kills a child when the thread that forked it ends. A forked copy of the host must not use
+ * the queue.
  *
- * A host creates a queue, registers it (dns_cache_init() does this), adds its descriptor to its event loop, and takes the
- * completions whenever it is readable:
+ * A host creates a queue, registers it (dns_cache_init() does this), adds its descriptor to its event loop, and takes
+ * the completions whenever it is readable:
  *
  *     uint32_t queue = linux_queue_create();
  *     dns_cache_init(queue, 0);
  *     ...                                         // poll((int)queue) for POLLIN
  *     linux_queue_dispatch(queue, dnscache_spawnletcb_job_done, NULL, NULL);
  *
- * The host needs no signal handler, and may handle, ignore or not touch SIGCHLD. The job service reaps each child by its
- * own pidfd, during later calls, once the child has handed over its result and exited.
- * Tested on Linux 5.10, 6.1 and 6.18.
+ * The host needs no signal handler, and may handle, ignore or not touch SIGCHLD. The job service reaps each child by
+ * its own pidfd, during later calls, once the child has handed over its result and exited. Tested on Linux 5.10, 6.1
+ * and 6.18.
  */
 #ifndef PLATFORM_LINUX_LINUX_PLATFORM_H
 #define PLATFORM_LINUX_LINUX_PLATFORM_H
@@ -52,9 +53,9 @@ typedef struct {
 } linux_completion;
 
 /*
- * linux_queue_create: create a completion queue. The handle is a close-on-exec descriptor that becomes readable when a
- * completion may be waiting or the deadline of a job has passed. Do not read from it, and close() it only when the host
- * ends.
+ * linux_queue_create: create a completion queue. The handle is a close-on-exec descriptor that becomes readable when
+ * a completion may be waiting or the deadline of a job has passed. Do not read from it, and close() it only when the
+ * host ends.
  *
  * Returns the handle, which is greater than 0; 0 with errno when there is no descriptor.
  */
@@ -63,8 +64,8 @@ uint32_t linux_queue_create(void);
 /*
  * linux_queue_next: take the next completion, without blocking. Kills the jobs whose deadline has passed.
  *
- * Returns 1 when it has filled *completion, whose buffer is valid until the next call; 0 when no completion is waiting;
- * -1 with errno EINVAL when queue is not the registered one.
+ * Returns 1 when it has filled *completion, whose buffer is valid until the next call; 0 when no completion is
+ * waiting; -1 with errno EINVAL when queue is not the registered one.
  */
 int linux_queue_next(uint32_t queue, linux_completion *completion);
 
@@ -76,10 +77,10 @@ typedef void (*linux_completion_handler)(uint32_t handle, uint32_t syserr, void 
 typedef void (*linux_completion_observer)(const linux_completion *completion, void *data);
 
 /*
- * linux_queue_dispatch: take every completion that is waiting, without blocking. For each one it calls `deliver` with its
- * five values, then once more with the same handle but without the record (NULL, 0): if there was no memory for the
- * record, this ends the job; otherwise it changes nothing. Then it calls seen(&completion, data) once, unless seen is
- * NULL. Neither of them may take completions from the queue.
+ * linux_queue_dispatch: take every completion that is waiting, without blocking. For each one it calls `deliver` with
+ * its five values, then once more with the same handle but without the record (NULL, 0): if there was no memory for
+ * the record, this ends the job; otherwise it changes nothing. Then it calls seen(&completion, data) once, unless
+ * seen is NULL. Neither of them may take completions from the queue.
  *
  * Returns the number of completions; -1 with errno EINVAL when queue is not the registered one.
  */
@@ -109,7 +110,7 @@ typedef struct {
     unsigned char record[LINUX_HISTORY_BYTES];
 } linux_history_record;
 
-/* Class of the records that this platform writes: subtype 0, and the reason why a job could not enter or keep its VRF. */
+/* Class of this platform's own records: subtype 0, and the reason why a job could not enter or keep its VRF. */
 #define LINUX_HISTORY_VRF_PROBLEM 0x56524600
 
 /* linux_history_enable: switch recording on or off. Existing records stay. Returns 0; -1 with errno. */
@@ -128,9 +129,9 @@ int linux_history_read(uint64_t *cursor, linux_history_record *record);
 void linux_debug_enable(int on);
 
 /*
- * VRFs. VRF 0 is where the host runs. VRF N is the network namespace vrfN or, if there is no such namespace, the device
- * vrfN of the host's own namespace. If it has resolver files of its own, a job sees them in place of those of the same
- * name in /etc.
+ * VRFs. VRF 0 is where the host runs. VRF N is the network namespace vrfN or, if there is no such namespace, the
+ * device vrfN of the host's own namespace. If it has resolver files of its own, a job sees them in place of those of
+ * the same name in /etc.
  */
 
 #define LINUX_VRF_NAMESPACES "/run/netns" /* contains vrfN */
@@ -158,9 +159,10 @@ typedef struct {
 linux_vrf *linux_vrf_list(size_t *count);
 
 /*
- * linux_vrf_check: try whether a job can be bound to a VRF now. It tries in a child, and waits for at most 10 seconds.
- * That child is a blocking job: linux_jobs_started() counts it, and the buffer that the last spawnlet_fork_fp() returned
- * becomes invalid. It uses no network, and writes neither to standard error nor to the event history.
+ * linux_vrf_check: try whether a job can be bound to a VRF now. It tries in a child, and waits for at most 10
+ * seconds. That child is a blocking job: linux_jobs_started() counts it, and the buffer that the last
+ * spawnlet_fork_fp() returned becomes invalid. It uses no network, and writes neither to standard error nor to the
+ * event history.
  *
  * reason, size  receives "" or the reason why not, NUL-terminated, cut to size; NULL with 0 for none.
  *               LINUX_HISTORY_BYTES are enough for every reason

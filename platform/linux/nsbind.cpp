@@ -1,10 +1,11 @@
 /*
- * nsbind.cpp: binding a process to a VRF: to its network, and to its resolver files in /etc/netns/vrfN. VRF 0 is where the
- * host runs.
+ * nsbind.cpp: binding a process to a VRF: to its network, and to its resolver files in /etc/netns/vrfN. VRF 0 is
+ * where the host runs.
  *
- * Binding fails closed, because the caller may ignore the result. When binding fails, the process is moved to a namespace
- * whose only device is a loopback that is down, and it can open no more descriptors: daemons that answer for the host's
- * own namespace listen on named sockets, which no network namespace confines. If even that fails, the process exits.
+ * Binding fails closed, because the caller may ignore the result. When binding fails, the process is moved to a
+ * namespace whose only device is a loopback that is down, and it can open no more descriptors: daemons that answer
+ * for the host's own namespace listen on named sockets, which no network namespace confines. If even that fails, the
+ * process exits.
  */
 #include "platform/nsbind.h"
 
@@ -98,7 +99,7 @@ static void leave_every_network()
         return;
     if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
         _exit(EXIT_FAILURE);
-    /* The kernel clears this whenever a process gains privileges, here those over the namespaces it has just created. */
+    /* The kernel clears this whenever a process gains privileges, here those over its new namespaces. */
     prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
@@ -123,7 +124,7 @@ int nsbind_set_global_context(int32_t vrf)
     return -1;
 }
 
-/* The network is held by descriptor or index, whatever happens to its name. The files may change: see vrf_files.cpp. */
+/* The network stays the same when its name changes. The resolver files may change: see vrf_files.cpp. */
 bool vrf_still_holds()
 {
     if (bound_vrf <= 0 || vrf_files_are_in_place())

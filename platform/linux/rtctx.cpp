@@ -1,6 +1,6 @@
 /*
- * rtctx.cpp: the routing context. Linux selects the route by network namespace or device, and a job binds itself to one
- * of these: there is no service to connect to.
+ * rtctx.cpp: the routing context. Linux selects the route by network namespace or device, and a job binds itself to
+ * one of these: there is no service to connect to.
  */
 #include "platform/rtctx.h"
 

@@ -1,9 +1,9 @@
 /*
  * spawnlet.cpp: the calls of the job service, its codes and their texts, and the fork.
  *
- * A job is over when its child's result has been read, not when the child has exited: for a parent with much memory
- * that exit takes as long as the fork did. The child is reaped later, through its pidfd, and nobody minds if somebody
- * else has collected it.
+ * A job is over when the parent has read the child's result, not when the child has exited: if the parent has much
+ * memory, that exit takes as long as the fork did. The child is reaped later through its pidfd. ECHILD is no error
+ * then: the host has reaped the child itself.
  */
 #include "platform/spawnlet.h"
 
@@ -82,14 +82,14 @@ static bool is_refused(spawnlet_body_t body, const job_options *options)
            options->timeout_secs < 0 || in_job_child();
 }
 
-/* A child that we hold no pidfd of stands at its gate and leaves when the channel closes. */
+/* A child without a pidfd is still blocked in pass_gate(), and exits when the channel closes. */
 static void reap_at_gate(pid_t pid)
 {
     for (int ms = 0; ms < 1000 && waitpid(pid, nullptr, WNOHANG) == 0; ms++)
         poll(nullptr, 0, 1);
 }
 
-/* A child that was killed at its gate may have been collected, and its pid be a stranger's by now. -1: not ours. */
+/* If the child was killed in pass_gate() and reaped, its pid may be reused. -1: it is not our child. */
 static int pidfd_of_child(pid_t pid)
 {
     const int pidfd = above_streams(pidfd_open(pid, 0));
@@ -100,7 +100,7 @@ static int pidfd_of_child(pid_t pid)
     return -1;
 }
 
-/* Signals stay blocked in the child until it has shed the host's handlers, and in the host until it has the pidfd. */
+/* Signals stay blocked in the child until it has reset the handlers, and in the host until it has the pidfd. */
 static pid_t fork_child(const child_plan *plan, int *pidfd)
 {
     sigset_t all, before;
@@ -110,14 +110,14 @@ static pid_t fork_child(const child_plan *plan, int *pidfd)
     if (pid == 0)
         child_run(plan);
     const int error = errno;
-    close(plan->channel); /* makes room for the pidfd */
+    close(plan->channel); /* frees a descriptor for the pidfd */
     *pidfd = pid > 0 ? pidfd_of_child(pid) : -1;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     errno = error;
     return pid;
 }
 
-/* On success the slot is RUNNING, and its child waits at the gate. */
+/* On success the slot is RUNNING, and its child waits in pass_gate(). */
 static uint32_t fork_into(spawnlet_job *slot, child_plan *plan)
 {
     int channel[2];
@@ -144,7 +144,7 @@ static uint32_t fork_into(spawnlet_job *slot, child_plan *plan)
     return LINUX_JOB_OK;
 }
 
-/* A child that is gone already shows in job_advance(); one that is never let in would use up its time at the gate. */
+/* EPIPE: the child is dead, as job_advance() will find. After other errors it would wait in vain in pass_gate(). */
 static bool open_gate(int channel)
 {
     ssize_t sent;
@@ -154,13 +154,13 @@ static bool open_gate(int channel)
     return sent == 1 || errno == EPIPE;
 }
 
-/* NULL: not started, and *code says why. */
+/* Returns NULL when the job could not be started; *code is the reason. */
 static spawnlet_job *start_job(child_plan *plan, const job_options *options, uint32_t handle, uint32_t *code)
 {
     const int seconds = seconds_allowed(options);
     const int64_t deadline_ns = monotonic_ns() + seconds * ns_per_second;
     spawnlet_job *slot =
-        free_slot(handle == 0 ? deadline_ns : 0); /* a start in the background does not wait */
+        free_slot(handle == 0 ? deadline_ns : 0); /* starting a background job does not wait */
     if (slot == nullptr) {
         *code = LINUX_JOB_NO_RESOURCES;
         return nullptr;
@@ -214,7 +214,7 @@ uint32_t spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_info, uint
     wait_for(job);
     code = job->code;
     if (code == LINUX_JOB_OK) {
-        last_handback = job->reader.handback; /* the job's no longer */
+        last_handback = job->reader.handback; /* the job no longer owns it */
         job->reader.handback = nullptr;
         *ret_info = last_handback;
         *ret_info_size = job->reader.handback_size;

@@ -1,9 +1,9 @@
 /*
  * spawnlet_child.cpp: everything that happens between the fork and the exit of a job's child.
  *
- * The child is a copy of a daemon at an arbitrary moment. Before the body runs it sheds what belongs to the
- * daemon: signal handlers, descriptors, text that waits in buffers. It leaves by _exit(), since exit handlers
- * are the daemon's too.
+ * The child is a copy of a daemon at an arbitrary moment. Before the body runs, the child gives up what belongs to
+ * the daemon: signal handlers, descriptors and buffered text. It exits by _exit(), because exit handlers belong to
+ * the daemon too.
  */
 #include "platform/linux/spawnlet_child.h"
 
@@ -44,7 +44,7 @@ static void default_signals()
     action.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; number++)
         sigaction(number, &action, nullptr);
-    /* A reader of the daemon's text who has gone, or a file that may not grow, is no end of the job. */
+    /* A closed pipe behind the daemon's text, or a file at its size limit, must not kill the job. */
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
     sigaction(SIGXFSZ, &action, nullptr);
@@ -60,11 +60,11 @@ static void unblock_signals()
 static void die_with_parent(pid_t parent)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) /* it died before the line above */
+    if (getppid() != parent) /* the parent died before the line above */
         _exit(EXIT_FAILURE);
 }
 
-/* Not the kernel's own, which say that they are regular files: through one a namespace could be entered. */
+/* nsfs files look regular, but are excluded: the child could enter a namespace through one. */
 static bool is_regular_file(int fd)
 {
     struct stat status;
@@ -78,7 +78,7 @@ static int descriptor_of(FILE *stream)
     return stream != nullptr ? fileno(stream) : -1;
 }
 
-/* Text that the daemon has buffered is the daemon's to write. */
+/* Discards the text that the daemon has buffered: the daemon writes it itself. */
 static void forget_buffered_text(const child_plan *plan)
 {
     for (FILE *stream : {stdout, stderr, plan->out, plan->err})
@@ -86,7 +86,7 @@ static void forget_buffered_text(const child_plan *plan)
             __fpurge(stream);
 }
 
-/* Room for all of it, so that writing it out cannot wait for a reader, and a reader, so that it cannot end us. */
+/* There is room for all text, so writing cannot block, and a reader, so SIGPIPE cannot kill the child. */
 static bool takes_text_at_once(FILE *stream)
 {
     const int fd = fileno(stream);
@@ -103,8 +103,8 @@ static void flush_own_text(const child_plan *plan, bool may_wait)
 }
 
 /*
- * Regular files may stay, the debug log is one: they keep nothing alive that others wait for. Not so sockets,
- * pipes and event descriptors, where the daemon's peers would not see it close them.
+ * Regular files, such as the debug log, stay open: nobody waits until they are closed. Sockets, pipes and event
+ * descriptors are closed: otherwise the daemon's peers would not see it when the daemon closes them.
  */
 static void shed(const child_plan *plan, int fd)
 {
@@ -115,9 +115,10 @@ static void shed(const child_plan *plan, int fd)
 }
 
 /*
- * Whether every open descriptor is below the limit. A child's table is as large as the highest descriptor needs, and
- * select() leaves alone what a set has beyond the table's end. It takes offence at one that is not open. Never asked
- * about one that is: its file would be, and might take the host's events for delivered.
+ * Whether every open descriptor is below the limit. A child's descriptor table is as large as its highest descriptor
+ * requires. select() ignores descriptors beyond the end of the table, and fails with EBADF for a closed one within
+ * it. It must not be called for an open one: that would poll its file, which might then consider the host's events
+ * delivered.
  */
 static bool none_is_open_from(int limit)
 {
@@ -128,10 +129,10 @@ static bool none_is_open_from(int limit)
     return fcntl(limit, F_GETFD) < 0 && select(limit + 1, &beyond, nullptr, nullptr, &no_wait) == 0;
 }
 
-/* false: there may be more of them. The usual daemon has few, and to have them listed takes as long as half a fork. */
+/* false: there may be more. Most daemons have few, and listing /proc/self/fd takes half as long as a fork. */
 static bool shed_few(const child_plan *plan)
 {
-    for (const int limit : {64, 128}) { /* sizes of the kernel's tables */
+    for (const int limit : {64, 128}) { /* sizes of the kernel's descriptor tables */
         if (!none_is_open_from(limit))
             continue;
         for (int fd = 0; fd < limit; fd++)
@@ -142,7 +143,7 @@ static bool shed_few(const child_plan *plan)
     return false;
 }
 
-/* false: not all are known. */
+/* false: the list is incomplete. */
 static bool shed_listed(const child_plan *plan)
 {
     DIR *open_descriptors = opendir("/proc/self/fd");
@@ -163,12 +164,12 @@ static void close_inherited(const child_plan *plan)
 {
     if (shed_few(plan) || shed_listed(plan))
         return;
-    /* A daemon may live where there is no /proc. */
+    /* The daemon may run without /proc. */
     for (int fd = 0, limit = getdtablesize(); fd < limit; fd++)
         shed(plan, fd);
 }
 
-/* A copy out of the way of descriptors 0 to 2, which are about to change. */
+/* Copies a descriptor above 2, because connect_streams() is about to replace descriptors 0 to 2. */
 static int copy_above_streams(int fd)
 {
     const int copy = fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
@@ -176,7 +177,7 @@ static int copy_above_streams(int fd)
         return copy;
     const int null_device = above_streams(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (null_device < 0)
-        _exit(EXIT_FAILURE); /* else the next socket would become a standard stream, and get the trace */
+        _exit(EXIT_FAILURE); /* the next socket would become a standard stream and get the trace */
     return null_device;
 }
 
@@ -194,7 +195,7 @@ static void connect_streams(const child_plan *plan)
     }
 }
 
-/* The parent opens the gate once it holds our pidfd; before that we must not exit and lose our pid. */
+/* Waits until the parent holds our pidfd: if we exited before that, our pid could be reused. */
 static void pass_gate(int channel)
 {
     char gate;
@@ -222,9 +223,9 @@ void child_run(const child_plan *plan)
     unblock_signals();
 
     const int32_t result = plan->body(plan->arg);
-    if (!vrf_still_holds()) /* better no answer than one of another VRF */
+    if (!vrf_still_holds()) /* no answer is better than one from another VRF */
         _exit(EXIT_FAILURE);
-    /* Text first, or a host that ends with the answer takes it along; but no answer waits for a reader of text. */
+    /* Flush first: the host may exit on the result. But a slow reader must not delay the result. */
     flush_own_text(plan, false);
     wire_send(child_channel, FRAME_RESULT, {reinterpret_cast<const unsigned char *>(&result), sizeof result});
     alarm(JOB_LEAVING_SECONDS);
@@ -239,7 +240,7 @@ int spawnlet_done(const void *buffer, uint32_t size)
         return -1;
     }
     if (size > LINUX_HANDBACK_MAX) {
-        /* The size alone tells the parent why there is no answer. */
+        /* From this size the parent sees why there is no answer. */
         const frame_header header = {.kind = FRAME_HANDBACK, .size = size};
         send(child_channel, &header, sizeof header, MSG_NOSIGNAL);
         errno = EMSGSIZE;

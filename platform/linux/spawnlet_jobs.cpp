@@ -91,8 +91,8 @@ void jobs_reap()
 }
 
 /*
- * The children of a large parent can exit more slowly than new ones start. This waits until one has exited or reaches its
- * deadline and must be killed. Returns false if none is leaving.
+ * The children of a large parent can exit more slowly than new ones start. This waits until one has exited or reaches
+ * its deadline and must be killed. Returns false if none is leaving.
  */
 static bool wait_for_leaver(int64_t deadline_ns)
 {

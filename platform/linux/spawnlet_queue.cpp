@@ -1,9 +1,9 @@
 /*
- * spawnlet_queue.cpp: completions behind one pollable descriptor.
+ * spawnlet_queue.cpp: completions behind one descriptor that can be polled.
  *
- * The queue is an epoll descriptor over the channel and the pidfd of every background job, and over a timer
- * that is set to the earliest of their deadlines. It holds no completions: taking one means to look at the
- * jobs, in turn, and to end the first that is over. So nothing can be lost between a job and its completion.
+ * The queue is an epoll descriptor. It watches the channel and the pidfd of every background job, and a timer that is
+ * set to the earliest of their deadlines. It stores no completions: linux_queue_next() checks the jobs in turn and
+ * ends the first that is over. So no completion can get lost.
  */
 #include "platform/linux/spawnlet_queue.h"
 
@@ -34,7 +34,7 @@ static bool add_to_queue(int fd)
     return epoll_ctl(registered_queue, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/* Asked for explicitly: a forked child may hold a copy that would keep the descriptor in the queue. */
+/* close() alone is not enough: a copy in a forked child would keep the descriptor in the queue. */
 static void drop_from_queue(int fd)
 {
     epoll_ctl(registered_queue, EPOLL_CTL_DEL, fd, nullptr);
@@ -61,7 +61,7 @@ static bool open_timer()
     return deadline_timer >= 0;
 }
 
-/* One that has passed makes the timer readable at once. */
+/* If that deadline has passed, the timer becomes readable at once. */
 void queue_set_timer()
 {
     if (registered_queue < 0)
@@ -111,10 +111,10 @@ uint32_t spawnlet_register_async_q(uint32_t queue)
     if (queue == 0 || queue > INT32_MAX || registered_queue >= 0 || in_job_child())
         return LINUX_JOB_BAD_ARGUMENT;
     struct epoll_event any;
-    if (epoll_wait(static_cast<int>(queue), &any, 1, 0) < 0 && errno != EINTR) /* no queue at all */
+    if (epoll_wait(static_cast<int>(queue), &any, 1, 0) < 0 && errno != EINTR) /* not an epoll descriptor */
         return LINUX_JOB_BAD_ARGUMENT;
     registered_queue = static_cast<int>(queue);
-    /* Either descriptor tells of the end; and a host with a queue that is late for one job is better off than without. */
+    /* Errors are ignored: either descriptor reports the end, and a late completion is better than no queue. */
     for (const spawnlet_job &job : all_jobs())
         if (is_in_background(job)) {
             add_to_queue(job.channel);
@@ -130,7 +130,7 @@ static void complete(spawnlet_job *job, linux_completion *completion)
     completion->handle = job->handle;
     completion->syserr = job->code;
     if (job->code == LINUX_JOB_OK) {
-        delivered_handback = job->reader.handback; /* the job's no longer */
+        delivered_handback = job->reader.handback; /* the job no longer owns it */
         job->reader.handback = nullptr;
         completion->ret_info = delivered_handback;
         completion->ret_info_size = job->reader.handback_size;
@@ -146,12 +146,12 @@ int linux_queue_next(uint32_t queue, linux_completion *completion)
         errno = EINVAL;
         return -1;
     }
-    const int error = errno; /* to be left alone by a call that succeeds */
+    const int error = errno; /* a successful call leaves errno unchanged */
     free(delivered_handback);
     delivered_handback = nullptr;
     jobs_reap();
 
-    static uint32_t turn; /* where to look first, so that no busy job keeps the others waiting */
+    static uint32_t turn; /* the slot to check first: no busy job can delay the others */
     int taken = 0;
     for (uint32_t i = 0; i < LINUX_JOBS_MAX && taken == 0; i++) {
         spawnlet_job *job = &all_jobs()[turn++ % LINUX_JOBS_MAX];

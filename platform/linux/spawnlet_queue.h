@@ -1,6 +1,6 @@
 /*
- * spawnlet_queue.h: what the job service tells the completion queue. The queue watches each background job from its start
- * until it is over.
+ * spawnlet_queue.h: what the job service tells the completion queue. The queue watches each background job from its
+ * start until it is over.
  */
 #ifndef PLATFORM_LINUX_SPAWNLET_QUEUE_H
 #define PLATFORM_LINUX_SPAWNLET_QUEUE_H

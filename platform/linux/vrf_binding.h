@@ -25,8 +25,8 @@ const char *vrf_problem();
 int vrf_bind(int32_t vrf);
 
 /*
- * vrf_join_device: from now on the kernel binds every new IPv4 and IPv6 socket to the device that has this name and index,
- * and packets leave by that device and its members only.
+ * vrf_join_device: from now on the kernel binds every new IPv4 and IPv6 socket to the device that has this name and
+ * index, and packets leave by that device and its members only.
  */
 int vrf_join_device(const char *device, unsigned index);
 
@@ -34,8 +34,8 @@ int vrf_join_device(const char *device, unsigned index);
 int vrf_leave_device();
 
 /*
- * vrf_enter_files: make a private view of the file system. In it the VRF's own resolver files are mounted over those of
- * /etc, and the sockets of the host's caching daemons are hidden.
+ * vrf_enter_files: make a private view of the file system. In it the VRF's own resolver files are mounted over those
+ * of /etc, and the sockets of the host's caching daemons are hidden.
  */
 int vrf_enter_files(const char *vrf_name);
 
@@ -45,7 +45,7 @@ int vrf_forget_nscd();
 /* vrf_files_are_in_place: whether the files that vrf_enter_files() mounted are still in place. */
 bool vrf_files_are_in_place();
 
-/* vrf_still_holds: whether the process is still bound as before. If not, it reports that. True if it was never bound. */
+/* vrf_still_holds: whether the process is still bound. If not, it reports that. True if it was never bound. */
 bool vrf_still_holds();
 
 #endif

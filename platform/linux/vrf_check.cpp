@@ -11,7 +11,7 @@
 
 static constexpr int32_t TRIAL_SECONDS = 10;
 
-/* In the child. When this fails the child is partly bound, but it sends the reason and exits without using the network. */
+/* In the child. After a failure it is partly bound: it sends the reason and exits without using the network. */
 static int try_to_bind(void *vrf)
 {
     const int error = vrf_bind(*static_cast<const int32_t *>(vrf));
@@ -20,7 +20,7 @@ static int try_to_bind(void *vrf)
     return error;
 }
 
-/* Returns true when the child could be bound. Else *problem is the reason, length bytes that need not be terminated. */
+/* Returns true if the child could be bound. Else *problem is the reason: length bytes, not always terminated. */
 static bool try_in_child(int32_t vrf, const char **problem, uint32_t *length)
 {
     job_options options = {};

@@ -1,7 +1,7 @@
 /*
  * vrf_find.h: what VRF N is: the network namespace vrfN; else the device vrfN of the caller's own namespace; else
- * nothing. If the path of the namespace exists but is not a network namespace, the VRF is unusable, also if there is a
- * device.
+ * nothing. If the path of the namespace exists but is not a network namespace, the VRF is unusable, also if there is
+ * a device.
  */
 #ifndef PLATFORM_LINUX_VRF_FIND_H
 #define PLATFORM_LINUX_VRF_FIND_H
@@ -21,8 +21,8 @@ struct vrf_network {
 };
 
 /*
- * vrf_find: find the network of VRF N, N > 0. The descriptor and the index in *network stay valid for what was found, also
- * if another namespace or device gets the name.
+ * vrf_find: find the network of VRF N, N > 0. The descriptor and the index in *network stay valid for what was found,
+ * also if another namespace or device gets the name.
  *
  * Returns 0 with a namespace or a device; the caller then calls vrf_release(). Else returns an errno, having called
  * vrf_failed(), with kind LINUX_VRF_UNUSABLE.
