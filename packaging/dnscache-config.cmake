@@ -1,4 +1,9 @@
-# dnscache::dnscache or dnscache::dnscache_static, and after it a platform layer: dnscache::dnscache_linux, or your own.
+# Link dnscache::dnscache or dnscache::dnscache_static, and after it a platform layer: dnscache::dnscache_linux or your own.
+if(CMAKE_VERSION VERSION_LESS 3.23)
+    set(dnscache_FOUND FALSE)
+    set(dnscache_NOT_FOUND_MESSAGE "dnscache needs CMake 3.23, which knows header file sets")
+    return()
+endif()
 include(CMakeFindDependencyMacro)
 find_dependency(PkgConfig)
 pkg_check_modules(dnscache_glib QUIET IMPORTED_TARGET glib-2.0)
@@ -9,7 +14,7 @@ if(NOT dnscache_glib_FOUND)
 endif()
 include(${CMAKE_CURRENT_LIST_DIR}/dnscache-targets.cmake)
 
-# CMake would link the C++ runtime into a program in C that uses the static library, which needs none of it.
+# The static library does not need the C++ runtime, but CMake would link it into a C program that uses the library.
 get_target_property(dnscache_configurations dnscache::dnscache_static IMPORTED_CONFIGURATIONS)
 foreach(dnscache_configuration ${dnscache_configurations})
     set_property(TARGET dnscache::dnscache_static
