@@ -1,4 +1,4 @@
-# Link dnscache::dnscache or dnscache::dnscache_static, and after it a platform layer: dnscache::dnscache_linux or your own.
+# Link dnscache::dnscache or dnscache::dnscache_static, and after it a platform layer: dnscache::dnscache_linux, or yours.
 if(CMAKE_VERSION VERSION_LESS 3.23)
     set(dnscache_FOUND FALSE)
     set(dnscache_NOT_FOUND_MESSAGE "dnscache needs CMake 3.23, which knows header file sets")

@@ -1,6 +1,6 @@
 #!/bin/sh
-# check.sh WHAT BUILD_DIR SOURCE_DIR: use the tree that `cmake --install` installs, after it was moved. CC and CXX are the
-# compilers with their flags; LDFLAGS is for linking; MEMORY_PLATFORM is the object file of the memory platform.
+# check.sh WHAT BUILD_DIR SOURCE_DIR: use the tree that `cmake --install` installs, after it was moved. CC and CXX are
+# the compilers with their flags; LDFLAGS is for linking; MEMORY_PLATFORM is the object file of the memory platform.
 # shellcheck disable=SC2046,SC2086 # options are several words
 set -eu
 build=$2
@@ -63,7 +63,8 @@ headers)
         done
     done
     [ "$(pkg-config --print-requires dnscache)" = glib-2.0 ]
-    [ "$(pkg-config --modversion dnscache dnscache-linux | uniq)" = "$(cd "$place/lib" && echo libdnscache.so.?.* | cut -d. -f3-)" ]
+    version=$(cd "$place/lib" && echo libdnscache.so.?.* | cut -d. -f3-)
+    [ "$(pkg-config --modversion dnscache dnscache-linux | uniq)" = "$version" ]
     ;;
 pkg_config)
     compile 'dnscache dnscache-linux' "$tests/host.c" -o "$work/host"
