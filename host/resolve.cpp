@@ -6,11 +6,8 @@
  */
 #include "host/resolve.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <glib-unix.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include "dnscache/dnscache.h"
 #include "host/output.h"
@@ -46,25 +43,11 @@ static gboolean queue_is_readable(int, GIOCondition, void *data)
     return G_SOURCE_CONTINUE;
 }
 
-/* GLib aborts the program when it cannot open descriptors for its main loop. Report an error before that happens. */
-static bool main_loop_has_descriptors()
-{
-    const int first = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0),
-              second = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
-    const int error = errno;
-    if (first >= 0)
-        close(first);
-    if (second >= 0)
-        close(second);
-    errno = error;
-    return second >= 0;
-}
-
 bool job_waiter_open(struct job_waiter *waiter, int32_t timeout_secs, int32_t lifetime_secs)
 {
     *waiter = {};
     waiter->queue = linux_queue_create();
-    if (waiter->queue == 0 || !main_loop_has_descriptors())
+    if (waiter->queue == 0)
         return false;
     dns_cache_init(waiter->queue, timeout_secs);
     if (lifetime_secs >= 0)
