@@ -13,7 +13,7 @@
 #define REQUIRE(condition)                                                                                   \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
-            fprintf(stderr, "%s:%d: not met: %s\n", __FILE__, __LINE__, #condition);                           \
+            fprintf(stderr, "%s:%d: not met: %s\n", __FILE__, __LINE__, #condition);                         \
             abort();                                                                                         \
         }                                                                                                    \
     } while (false)

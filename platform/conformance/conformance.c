@@ -842,7 +842,8 @@ static void every_code_has_a_text(void)
     for (uint32_t code = 0; code < 0x1000; code++)
         EXPECT(errcode2str(code) != NULL && errcode2str(code)[0] != '\0');
     EXPECT(errcode2str(UINT32_MAX) != NULL && errcode2str(UINT32_MAX)[0] != '\0');
-    EXPECT(text != NULL && strcmp(text, copy) == 0); /* later calls do not overwrite the text of an earlier one */
+    EXPECT(text != NULL &&
+           strcmp(text, copy) == 0); /* later calls do not overwrite the text of an earlier one */
 }
 
 static void routing_context_opens_and_closes(void)
