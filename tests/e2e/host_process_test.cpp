@@ -196,19 +196,19 @@ static const struct row {
     {"display_ip_addrs", init, [] { display_ip_addrs(&hints); }},
     {"display_sockaddr", init, [] { display_sockaddr(reinterpret_cast<struct sockaddr *>(&record)); }},
     {"get_sock_in_addr", init, [] { get_sock_in_addr(nullptr); }},
-    {"dnscache_wait_for_child: none of yours", init, [] { dnscache_wait_for_child(1); }},
-    {"dnscache_wait_for_child: one of yours",
+    {"dnscache_wait_for_child: not a child of the process", init, [] { dnscache_wait_for_child(1); }},
+    {"dnscache_wait_for_child: a child that exits",
      [] {
          init();
          if (fork() == 0)
              _exit(0);
      },
      [] { dnscache_wait_for_child(std::stoi(*children().begin())); }, 0, 1},
-    {"any that traces: the first time that the debug log is on", [] { init(), log_is_switched_on = true; },
+    {"any call that traces: the first while the debug log is on", [] { init(), log_is_switched_on = true; },
      [] { get_sock_in_addr(nullptr); }},
     {"linux_queue_create", [] {}, [] { linux_queue_create(); }},
-    {"linux_queue_next: nothing there", init, [] { linux_queue_next(the_queue, &taken); }},
-    {"linux_queue_dispatch: nothing there", init,
+    {"linux_queue_next: no completion is waiting", init, [] { linux_queue_next(the_queue, &taken); }},
+    {"linux_queue_dispatch: no completion is waiting", init,
      [] { linux_queue_dispatch(the_queue, dnscache_spawnletcb_job_done, nullptr, nullptr); }},
     {"linux_jobs_started", init,
      [] {
