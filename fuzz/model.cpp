@@ -94,7 +94,7 @@ static void compare_all()
     compare("blocking_timeout", expected.blocking, blocking_timeout);
     compare("blocking jobs", expected.waits, platform.waits);
     compare("background starts", expected.starts, platform.starts);
-    compare("the job's time-out", expected.seconds, platform.seconds);
+    compare("the job's timeout", expected.seconds, platform.seconds);
     compare("the routing context", true, memory.connected);
     if (memcmp(&expected.request, &platform.request, sizeof platform.request) != 0)
         fail("the job", described(expected.request), described(platform.request));

@@ -9,7 +9,7 @@
 #include "dnscache/dnscache.h"
 #include "platform/memory/memory_platform.h"
 
-/* So few that a new job can get the handle of a job that still runs. */
+/* There are few, so a new job can get the handle of a job that still runs. */
 constexpr uint32_t HANDLES = 13;
 
 struct scripted_platform {
@@ -19,7 +19,7 @@ struct scripted_platform {
     uint32_t refused;           /* bit i % 32: background start i is refused */
     uint32_t waits, starts;     /* blocking jobs run and background starts tried */
     uint32_t handles;           /* number given so far; they repeat from 1 to HANDLES */
-    int32_t seconds;            /* time-out of the last job */
+    int32_t seconds;            /* timeout of the last job */
     server_addr_info request;   /* its request, copied before the start */
 };
 extern scripted_platform platform;

@@ -1,5 +1,5 @@
 #!/bin/sh
-# make.sh: write the corpora. Each file is zeros but for what is said here: OFFSET=BYTES, the bytes as for printf.
+# make.sh: write the corpora. Each file contains zeros, except for OFFSET=BYTES below; printf writes the bytes.
 # A record begins at offset 1 in decode and at offset 8 in completion.
 set -eu
 cd "$(dirname "$0")"

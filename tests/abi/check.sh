@@ -112,7 +112,7 @@ headers)
     ;;
 floors)
     # A file includes its own floor and those below; library and platform do not include each other's private headers. Only
-    # the owners of state, set-up and the readers of a time-out include state.h.
+    # the owners of state, set-up and the readers of a timeout include state.h.
     floor() {
         case $1 in
         platform/*/*) echo 90 ;;

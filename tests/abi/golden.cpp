@@ -54,7 +54,7 @@ static T read_record(const char *folder, const char *name)
     return record;
 }
 
-/* Of the background job, which starts when the blocking one has timed out. */
+/* They belong to the background job, which starts when the blocking job has timed out. */
 static const void *request;
 static job_options options;
 
@@ -79,7 +79,7 @@ static int write_records(const char *folder)
     memory_completion done;
     srand(1);
     memory.on_start = note_start;
-    memory.job_seconds = 200; /* between the time-outs of a lookup and of its background job */
+    memory.job_seconds = 200; /* between the timeouts of a lookup and of its background job */
     memory.next_handle = 0xa1b2c3d4;
     memory.vrfs = 0x10203;
     const uint32_t queue = memory_queue_create();

@@ -97,7 +97,7 @@ static void enter_limited_group(long)
     enter_control_group("limited", 0);
 }
 
-/* Like a process that another one, outside its container, has moved out of the container's control group. */
+/* Like a process that was moved out of its container's control group from outside the container. */
 static void leave_control_groups(long)
 {
     int told[2];

@@ -53,12 +53,12 @@ start '' 192.0.2.9
 expect 192.0.2.9
 stop
 
-# Both families, and both again after they have expired.
+# The host prints both families, and prints both again after they have expired.
 start "$resolver" pair.test
 expect '192.0.2.1 2001:db8::1' '192.0.2.1 2001:db8::1'
 stop 'Marking it as INVALID'
 
-# Found at a later try, when the name exists or the resolver no longer crashes. The script starts with its second call.
+# A later try succeeds, when the name exists or the resolver no longer crashes. The script starts with its second call.
 touch "$work/late-fail.test.1" "$work/late-crash.test.1"
 start "$resolver" late-fail.test
 expect 'Name or service not known' 192.0.2.5

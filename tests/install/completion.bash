@@ -27,7 +27,7 @@ expect() { # WHAT EXPECTED ACTUAL
     [[ $2 == "$3" ]] || { echo "$1: '$3' instead of '$2'"; wrong=1; }
 }
 
-dnscache-lookup() { # stands in for the program
+dnscache-lookup() { # replaces the program
     [[ $* == --vrfs ]] && printf '%-10d  %-9s  -\n' 0 host 1 namespace 12 device
 }
 

@@ -15,7 +15,7 @@ static const char *map_file(const std::string &folder, int sharing)
     return mapped != MAP_FAILED ? static_cast<const char *>(mapped) : nullptr;
 }
 
-/* So many mappings that their list takes many reads, which cut lines, and one line longer than the buffer. */
+/* The list of mappings takes many reads, which split lines, and has one line longer than the buffer. */
 TEST(VrfNscd, ForgetsOnlySharedTables)
 {
     std::string top = std::filesystem::temp_directory_path() / "dnscache-test-XXXXXX";

@@ -94,7 +94,7 @@ static inline std::vector<int> open_descriptors()
     return found;
 }
 
-/* Call it in the child of a job, whose only socket is the channel to its parent. -1: none. */
+/* Call it in the child of a job, whose only socket is the channel to its parent. Returns -1 if there is none. */
 static inline int job_channel()
 {
     for (const int fd : open_descriptors()) {
@@ -214,7 +214,7 @@ static inline bool has_sanitizer()
     return __lsan_do_recoverable_leak_check != nullptr;
 }
 
-/* How many times as often a test repeats its work: 1, or more under scripts/soak. */
+/* The factor by which a test multiplies its repetitions: 1, or more under scripts/soak. */
 static inline int soak_factor()
 {
     const char *factor = getenv("SOAK");

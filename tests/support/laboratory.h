@@ -19,7 +19,7 @@ static inline bool shell(const std::string &command)
     return system(command.c_str()) == 0;
 }
 
-/* A kernel counter where the name server of a VRF runs: format reads it after the last label in the file. -1: none. */
+/* Returns a kernel counter of the VRF's name server: format reads it after the last label in the file. -1: no label. */
 static inline int counter(int vrf, const char *file, const char *label, const char *format)
 {
     const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");

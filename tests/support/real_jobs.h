@@ -47,7 +47,7 @@ class RealJobs : public testing::Test
         return result;
     }
 
-    /* Its record is gone. More than one may be waiting: `completed` holds those that are still to be returned. */
+    /* The record of the result is invalid. `completed` holds further completions, which later calls return. */
     linux_completion complete_one()
     {
         const auto keep = [](const linux_completion *done, void *all) {
@@ -60,7 +60,7 @@ class RealJobs : public testing::Test
         return done;
     }
 
-    /* Once the children that are over have left, and have been reaped by the job service alone. */
+    /* Waits until the job service has reaped all children, then counts the descriptors. */
     size_t descriptors_held()
     {
         EXPECT_TRUE(eventually([this] {
