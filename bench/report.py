@@ -73,7 +73,7 @@ def miss_bound(results, vrf, mb):
 
 
 def promises(results):
-    """What each run keeps."""
+    """Bounds that each run keeps."""
     for position, place in POSITIONS.items():
         for n in (1, 4):
             arguments = f"position:{position}/addresses:{n}"
@@ -87,7 +87,7 @@ def promises(results):
 
 
 def targets(results):
-    """What we aim at."""
+    """Bounds to aim for."""
     for vrf in (0, 1):
         for mb in MEGABYTES:
             if mb != PROMISED_MISS_MB:

@@ -5,7 +5,7 @@ _dnscache_lookup()
     local options='-s --service -V --vrf -t --timeout -l --lifetime -n --times --no-wait -j --json -v --verbose
         --vrfs --version -h --help'
     local current=${COMP_WORDS[COMP_CWORD]} before=("${COMP_WORDS[@]:1:COMP_CWORD-1}")
-    # The shell takes --vrf=1 for three words.
+    # The shell splits --vrf=1 into three words.
     if [[ $current == = ]]; then
         current=''
     elif [[ ${before[*]: -1} == = ]]; then

@@ -103,7 +103,7 @@ static void flush_own_text(const child_plan *plan, bool may_wait)
 }
 
 /*
- * Regular files, such as the debug log, stay open: nobody waits until they are closed. Sockets, pipes and event
+ * Regular files, such as the debug log, stay open: no process waits for their end. Sockets, pipes and event
  * descriptors are closed: otherwise the daemon's peers would not see it when the daemon closes them.
  */
 static void shed(const child_plan *plan, int fd)
