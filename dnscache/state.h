@@ -13,8 +13,7 @@ extern "C" {
 
 /* Both lists own their data and grow only through g_list_check_and_prepend(), newest first. */
 extern GList *local_cache; /* of server_spawnlet_data_t, at most MAX_CACHE_ENTRIES: cache/ */
-extern GList
-    *job_list; /* of server_addr_info, the running background jobs, at most MAX_SPAWNLETS: job_list.cpp */
+extern GList *job_list;    /* of server_addr_info, at most MAX_SPAWNLETS: job_list.cpp */
 
 extern int32_t running_jobs;      /* length of job_list: job_list.cpp */
 extern int32_t blocking_timeout;  /* seconds that a lookup waits: setup.cpp */

@@ -1,5 +1,6 @@
 /*
- * cache_store.h: how the rest of the library asks local_cache for an answer and stores one.
+ * cache_store.h: finds answers in local_cache and stores new ones. cache_store() replaces no record: the completion
+ * (frontend/completion.cpp) decides whether an older record wins.
  */
 #ifndef DNSCACHE_CACHE_CACHE_STORE_H
 #define DNSCACHE_CACHE_CACHE_STORE_H

@@ -1,5 +1,5 @@
 /*
- * request_record.h: request records on the heap.
+ * request_record.h: request records on the heap. jobs/job_list.cpp frees those whose job has started.
  */
 #ifndef DNSCACHE_RECORDS_REQUEST_RECORD_H
 #define DNSCACHE_RECORDS_REQUEST_RECORD_H

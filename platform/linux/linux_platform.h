@@ -79,8 +79,8 @@ typedef void (*linux_completion_observer)(const linux_completion *completion, vo
 /*
  * linux_queue_dispatch: take every completion that is waiting, without blocking. For each one it calls `deliver` with
  * its five values, then once more with the same handle but without the record (NULL, 0): if there was no memory for
- * the record, this ends the job; otherwise it changes nothing. Then it calls seen(&completion, data) once, unless
- * seen is NULL. Neither of them may take completions from the queue.
+ * the record, this ends the job; otherwise it only traces. Then it calls seen(&completion, data) once, unless seen is
+ * NULL. `deliver` must not be NULL, and neither function may take completions from the queue.
  *
  * Returns the number of completions; -1 with errno EINVAL when queue is not the registered one.
  */
@@ -141,7 +141,7 @@ typedef enum {
     LINUX_VRF_HOST,
     LINUX_VRF_NAMESPACE,
     LINUX_VRF_DEVICE,
-    LINUX_VRF_UNUSABLE, /* the path exists but is not a network namespace: no job can be bound to it */
+    LINUX_VRF_UNUSABLE, /* its path exists but is not a namespace, or cannot be opened: no job can be bound to it */
 } linux_vrf_kind;
 
 typedef struct {
@@ -167,7 +167,8 @@ linux_vrf *linux_vrf_list(size_t *count);
  * reason, size  receives "" or the reason why not, NUL-terminated, cut to size; NULL with 0 for none.
  *               LINUX_HISTORY_BYTES are enough for every reason
  *
- * Returns 0 when a job can be bound to it; -1 when not. errno stays as it was.
+ * Returns 0 when a job can be bound to it; -1 when not, and always in a process that is bound to another VRF. errno
+ * stays as it was.
  */
 int linux_vrf_check(int32_t vrf, char *reason, size_t size);
 
