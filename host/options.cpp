@@ -10,6 +10,8 @@
 #include "host/output.h"
 #include "platform/linux/linux_platform.h"
 
+#define SECONDS_MAX G_STRINGIFY(LINUX_JOB_SECONDS_MAX)
+
 static constexpr char SUMMARY[] =
     "Looks up host names through the resolver cache, and prints one line per address. Each lookup that the\n"
     "cache cannot answer runs in its own child process.\n"
@@ -17,7 +19,8 @@ static constexpr char SUMMARY[] =
     "comment; PORT and VRF default to the values of --service and --vrf.";
 
 static constexpr char DESCRIPTION[] =
-    "A lookup that takes longer than the time-out continues in the background, for at most 300 seconds.\n"
+    "A lookup that takes longer than the time-out continues in the background, for at most " SECONDS_MAX
+    " seconds.\n"
     "\n"
     "Exit status, the largest that applies:\n"
     "  0  all names were resolved\n"
@@ -91,8 +94,8 @@ bool parse_options(int argc, char **argv, struct lookup_options *options)
     const GOptionEntry entries[] = {
         {"service", 's', 0, G_OPTION_ARG_STRING, &texts.service, "Port of the lookup (0)", "PORT"},
         {"vrf", 'V', 0, G_OPTION_ARG_STRING, &texts.vrf, "Resolve names in this VRF (0)", "VRF"},
-        {"timeout", 't', 0, G_OPTION_ARG_STRING, &texts.timeout, "Wait for at most SECONDS, 1 to 300 (3)",
-         "SECONDS"},
+        {"timeout", 't', 0, G_OPTION_ARG_STRING, &texts.timeout,
+         "Wait for at most SECONDS, 1 to " SECONDS_MAX " (3)", "SECONDS"},
         {"lifetime", 'l', 0, G_OPTION_ARG_STRING, &texts.lifetime, "Keep answers for SECONDS (60)",
          "SECONDS"},
         {"times", 'n', 0, G_OPTION_ARG_STRING, &texts.times, "Look up each name TIMES times (1)", "TIMES"},
