@@ -10,8 +10,8 @@
  *               int rc = getaddrinfo_async_mq3("ntp1", "123", &hints, 3, &res);
  *
  *               On a hit, the cache answers at once. On a miss, a child process is forked; it binds itself to the VRF,
- *               resolves the name and hands back a fixed record. The call waits for it for at most the blocking
- *               time-out (3 s). No name is ever resolved in your own process.
+ *               resolves the name and hands back a fixed record. The call waits for the child, for at most the
+ *               blocking time-out (3 s). No name is ever resolved in your own process.
  *
  *   Try again   -3 means that the child did not finish in time. A second child continues in the background, for at most
  *               300 s. Return to your event loop and repeat the lookup when its completion has arrived.
@@ -42,10 +42,11 @@
  *               a regular file of your own user with no other link, and only where other users cannot replace it (/tmp
  *               is sticky).
  *   Children    Each job is a child of your process. Wait for your own children by pid, never with -1.
- *   rand()      Each lookup that misses the cache, and each call that may start a background job, draws one number.
+ *   rand()      Draws one number for each lookup that misses the cache, for each add_entry_to_dns_cache(), and for each
+ *               record that a refresh pass expires.
  *   Memory      When malloc() fails, the call that needed the memory returns an error. GLib aborts the process when it
- *               gets no memory. No call of the library lets that happen as long as no other thread uses up the memory
- *               in between; your own call of g_list_check_and_prepend() can.
+ *               gets no memory. No call of the library causes that, unless another thread uses up the memory in
+ *               between; but your own call of g_list_check_and_prepend() can.
  *   errno       is unchanged.
  *
  * docs/hygiene.md lists these changes for each call.
@@ -222,7 +223,9 @@ void refresh_dns_cache(void);
  * add_entry_to_dns_cache: resolve a server in the background, without waiting. If you call this first, and the lookup
  * only after the completion, you never wait.
  *
- * host     host name;  port, vrf  numbers;  hints  may be NULL
+ * host       host name
+ * port, vrf  numbers
+ * hints      may be NULL
  *
  *  0       a job was started, or a job for this host, port and VRF is already running, or the cache has the answer
  * -1       no job: host is NULL, there is no memory, MAX_SPAWNLETS jobs are running, or the job service refused
@@ -294,7 +297,7 @@ int get_list_length(struct addrinfo *ai);
  *  0       *res is the complete chain. Release it with freeaddrinfo(). It owns its addresses
  * -1       no record or no entries: *res is NULL. Out of memory: *res is a partial chain, which you must release
  *
- * A negative count, which no record in the cache has, returns 0 and a *res of NULL.
+ * For a negative count, which no record in the cache has, it returns 0 and sets *res to NULL.
  */
 int get_res_back(server_spawnlet_data_t *record, struct addrinfo **res);
 

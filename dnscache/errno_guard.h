@@ -1,6 +1,6 @@
 /*
- * errno_guard.h: exported calls leave errno unchanged. A daemon that looks up a name between a failed call of its own and
- * the message about it still finds its own error there. Errors of the library are in the result and the trace.
+ * errno_guard.h: exported calls leave errno unchanged. A daemon that looks up a name between a failed call of its own
+ * and the message about it still finds its own error there. Errors of the library are in the result and the trace.
  */
 #ifndef DNSCACHE_ERRNO_GUARD_H
 #define DNSCACHE_ERRNO_GUARD_H

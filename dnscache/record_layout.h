@@ -1,6 +1,6 @@
 /*
  * record_layout.h: the byte layout of the public records, checked at compile time, and conversions from and to them.
- * It lies beside dnscache.h because diagnostics/, a floor below records/, reads the records, too.
+ * It lies beside dnscache.h because diagnostics/, which is below records/, reads the records, too.
  *
  * 32-bit and 64-bit builds use the same layout, that of a 32-bit process.
  */
@@ -77,7 +77,7 @@ static inline struct addrinfo addrinfo_of_image(const dnscache_addrinfo_image &i
     return ai;
 }
 
-/* A caller's hints, into a record and back. Where the sizes are equal, every byte is kept. */
+/* Convert a caller's hints into a record and back. Where the sizes are equal, every byte is kept. */
 static inline dnscache_addrinfo_image image_of_hints(const struct addrinfo &hints)
 {
     dnscache_addrinfo_image image = image_of_addrinfo(hints);

@@ -21,7 +21,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/spawnlet.h"
 
-struct host {
+struct host_state {
     int loop, timer, signals;
     uint32_t queue;
     const char *server;
@@ -29,7 +29,7 @@ struct host {
     struct addrinfo *addresses; /* the last answer, which the host owns; NULL: none yet */
 };
 
-static void show_addresses(const struct host *host)
+static void show_addresses(const struct host_state *host)
 {
     fprintf(stderr, "%s:", host->server);
     for (const struct addrinfo *ai = host->addresses; ai != NULL; ai = ai->ai_next) {
@@ -41,8 +41,8 @@ static void show_addresses(const struct host *host)
     fputc('\n', stderr);
 }
 
-/* Call it only for a server in the cache. For any other it waits, as it may when memory has run out since. */
-static void look_up(struct host *host)
+/* Call it only for a server in the cache. For any other server it waits, and also if it gets no memory. */
+static void look_up(struct host_state *host)
 {
     char service[12];
     struct addrinfo hints = {0}, *found = NULL;
@@ -60,12 +60,12 @@ static void look_up(struct host *host)
 
 /*
  * Called once the library has the answer. A job that failed has stored nothing in the cache, so there is nothing to
- * look up: the timer starts the next job. A host of several servers finds in the record whose answer it is:
- * serv_name, service and vrf.
+ * look up: the timer starts the next job. A host with several servers finds out from the record which of them it
+ * belongs to: serv_name, service and vrf.
  */
 static void completion_delivered(const linux_completion *done, void *data)
 {
-    struct host *host = data;
+    struct host_state *host = data;
     const server_spawnlet_data_t *record = done->ret_info;
     if (done->syserr != LINUX_JOB_OK)
         fprintf(stderr, "%s: %s\n", host->server, errcode2str(done->syserr));
@@ -78,7 +78,7 @@ static void completion_delivered(const linux_completion *done, void *data)
 }
 
 /* Returns false when the queue cannot be used any more. */
-static bool take_completions(struct host *host)
+static bool take_completions(struct host_state *host)
 {
     if (linux_queue_dispatch(host->queue, dnscache_spawnletcb_job_done, completion_delivered, host) >= 0)
         return true;
@@ -88,9 +88,9 @@ static bool take_completions(struct host *host)
 
 /*
  * refresh_dns_cache() resolves expired answers again. add_entry_to_dns_cache() starts a job only if the server has no
- * answer. A host of more than MAX_SPAWNLETS servers starts the remaining jobs as completions arrive: see dnscache(7).
+ * answer. A host with more than MAX_SPAWNLETS servers starts the remaining jobs as completions arrive: see dnscache(7).
  */
-static void keep_fresh(const struct host *host)
+static void keep_fresh(const struct host_state *host)
 {
     refresh_dns_cache();
     if (add_entry_to_dns_cache(host->server, host->port, host->vrf, NULL) != 0)
@@ -99,14 +99,14 @@ static void keep_fresh(const struct host *host)
         fprintf(stderr, "%s: no addresses yet\n", host->server);
 }
 
-static bool watch(const struct host *host, int fd)
+static bool watch(const struct host_state *host, int fd)
 {
     struct epoll_event event = {.events = EPOLLIN, .data = {.fd = fd}};
     return fd >= 0 && epoll_ctl(host->loop, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 /* Returns false with errno. */
-static bool open_descriptors(struct host *host, int lifetime)
+static bool open_descriptors(struct host_state *host, int lifetime)
 {
     /* Expires at once, and then three times in each lifetime of an answer. */
     const struct itimerspec period = {
@@ -125,8 +125,8 @@ static bool open_descriptors(struct host *host, int lifetime)
            watch(host, host->signals) && timerfd_settime(host->timer, 0, &period, NULL) == 0;
 }
 
-/* One event per turn: descriptors that are still readable are reported again. */
-static int run(struct host *host)
+/* Each turn handles one event: descriptors that are still readable are reported again. */
+static int run(struct host_state *host)
 {
     for (;;) {
         struct epoll_event event;
@@ -157,8 +157,8 @@ static int number(const char *text, long least, long most)
 
 int main(int argc, char **argv)
 {
-    struct host host = {.port = argc > 2 ? number(argv[2], 0, 65535) : 123,
-                        .vrf = argc > 3 ? number(argv[3], 0, INT32_MAX) : 0};
+    struct host_state host = {.port = argc > 2 ? number(argv[2], 0, 65535) : 123,
+                              .vrf = argc > 3 ? number(argv[3], 0, INT32_MAX) : 0};
     const int lifetime = argc > 4 ? number(argv[4], 1, 86400) : 60;
     if (argc < 2 || argc > 5 || host.port < 0 || host.vrf < 0 || lifetime < 0) {
         fprintf(stderr, "usage: %s HOST [PORT [VRF [LIFETIME]]]\n", argv[0]);

@@ -17,7 +17,7 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/spawnlet.h"
 
-struct host {
+struct host_state {
     GMainLoop *loop;
     uint32_t queue;
     const char *server;
@@ -26,7 +26,7 @@ struct host {
     int exit_code;
 };
 
-static void show_addresses(const struct host *host)
+static void show_addresses(const struct host_state *host)
 {
     fprintf(stderr, "%s:", host->server);
     for (const struct addrinfo *ai = host->addresses; ai != NULL; ai = ai->ai_next) {
@@ -38,8 +38,8 @@ static void show_addresses(const struct host *host)
     fputc('\n', stderr);
 }
 
-/* Call it only for a server in the cache. For any other it waits, as it may when memory has run out since. */
-static void look_up(struct host *host)
+/* Call it only for a server in the cache. For any other server it waits, and also if it gets no memory. */
+static void look_up(struct host_state *host)
 {
     char service[12];
     struct addrinfo hints = {0}, *found = NULL;
@@ -57,12 +57,12 @@ static void look_up(struct host *host)
 
 /*
  * Called once the library has the answer. A job that failed has stored nothing in the cache, so there is nothing to
- * look up: the timer starts the next job. A host of several servers finds in the record whose answer it is:
- * serv_name, service and vrf.
+ * look up: the timer starts the next job. A host with several servers finds out from the record which of them it
+ * belongs to: serv_name, service and vrf.
  */
 static void completion_delivered(const linux_completion *done, void *data)
 {
-    struct host *host = data;
+    struct host_state *host = data;
     const server_spawnlet_data_t *record = done->ret_info;
     if (done->syserr != LINUX_JOB_OK)
         fprintf(stderr, "%s: %s\n", host->server, errcode2str(done->syserr));
@@ -76,7 +76,7 @@ static void completion_delivered(const linux_completion *done, void *data)
 
 static gboolean queue_is_readable(gint queue, GIOCondition condition, gpointer data)
 {
-    struct host *host = data;
+    struct host_state *host = data;
     (void)condition;
     if (linux_queue_dispatch((uint32_t)queue, dnscache_spawnletcb_job_done, completion_delivered, host) < 0) {
         perror("linux_queue_dispatch");
@@ -88,11 +88,11 @@ static gboolean queue_is_readable(gint queue, GIOCondition condition, gpointer d
 
 /*
  * refresh_dns_cache() resolves expired answers again. add_entry_to_dns_cache() starts a job only if the server has no
- * answer. A host of more than MAX_SPAWNLETS servers starts the remaining jobs as completions arrive: see dnscache(7).
+ * answer. A host with more than MAX_SPAWNLETS servers starts the remaining jobs as completions arrive: see dnscache(7).
  */
 static gboolean keep_fresh(gpointer data)
 {
-    const struct host *host = data;
+    const struct host_state *host = data;
     refresh_dns_cache();
     if (add_entry_to_dns_cache(host->server, host->port, host->vrf, NULL) != 0)
         fprintf(stderr, "%s: no job could be started\n", host->server);
@@ -107,7 +107,7 @@ static gboolean signal_arrived(gpointer data)
     return G_SOURCE_CONTINUE;
 }
 
-static void run(struct host *host, int lifetime)
+static void run(struct host_state *host, int lifetime)
 {
     host->loop = g_main_loop_new(NULL, FALSE);
     const guint sources[] = {
@@ -133,8 +133,8 @@ static int number(const char *text, long least, long most)
 
 int main(int argc, char **argv)
 {
-    struct host host = {.port = argc > 2 ? number(argv[2], 0, 65535) : 123,
-                        .vrf = argc > 3 ? number(argv[3], 0, INT32_MAX) : 0};
+    struct host_state host = {.port = argc > 2 ? number(argv[2], 0, 65535) : 123,
+                              .vrf = argc > 3 ? number(argv[3], 0, INT32_MAX) : 0};
     const int lifetime = argc > 4 ? number(argv[4], 1, 86400) : 60;
     if (argc < 2 || argc > 5 || host.port < 0 || host.vrf < 0 || lifetime < 0) {
         fprintf(stderr, "usage: %s HOST [PORT [VRF [LIFETIME]]]\n", argv[0]);

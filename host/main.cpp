@@ -147,7 +147,7 @@ static void answer_all(struct session *run)
         report_failure(run, "cannot make a completion queue");
         return;
     }
-    /* A trace on the same terminal shows the progress already, and the line of the notice would garble it. */
+    /* With --verbose the trace already shows the progress, and the line of the notice would garble it. */
     run->notice = !run->options.verbose && isatty(STDERR_FILENO);
     run->wait = run->options.no_wait ? WAIT_NOT : WAIT_FOR_JOB;
     if (run->options.hosts != nullptr)

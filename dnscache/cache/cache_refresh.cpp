@@ -3,7 +3,7 @@
  * its end. Only the refresh pass checks the age of records.
  *
  * One cycle of calls runs through this file: bounded prepend to the full cache (lists/bounded_list.cpp) -> refresh pass
- * -> job start -> bounded prepend to the job list. None of these steps adds a record to the cache.
+ * -> job start -> bounded prepend to the job list. No step after the first adds a record to the cache.
  */
 #include <stdlib.h>
 #include <string.h>
@@ -113,7 +113,7 @@ static void expire_if_old(const char *traced_as, server_spawnlet_data_t *record)
         return;
     record->status = ENTRY_INVALID;
     TRACE_AS(traced_as, "Timer Expired . Marking it as INVALID\n");
-    /* After the mark: otherwise the cache would answer with this very record. */
+    /* Called after the record is marked: otherwise the cache would answer with this very record. */
     resolve_again(record);
 }
 

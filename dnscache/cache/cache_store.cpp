@@ -1,5 +1,5 @@
 /*
- * cache_store.cpp: the answers in local_cache.
+ * cache_store.cpp: finds answers in local_cache, and stores new ones.
  */
 #include "dnscache/cache/cache_store.h"
 

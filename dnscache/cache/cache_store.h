@@ -7,7 +7,7 @@
 
 #include "dnscache/dnscache.h"
 
-/* cache_find: check_local_cache() on local_cache. */
+/* cache_find: call check_local_cache() for local_cache. */
 int cache_find(const char *key, struct addrinfo **res);
 
 /* cache_store: set the record's time stamp and put the record at the head of local_cache, which owns it from now on. */

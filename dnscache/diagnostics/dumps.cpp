@@ -10,7 +10,7 @@
 #include "dnscache/errno_guard.h"
 #include "dnscache/record_layout.h"
 
-/* memcpy(): socket addresses lie in byte arrays and may be misaligned. */
+/* Uses memcpy(), because socket addresses lie in byte arrays and may be misaligned. */
 static uint16_t family_of(const struct sockaddr *sa)
 {
     uint16_t family;

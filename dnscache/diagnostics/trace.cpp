@@ -1,6 +1,6 @@
 /*
- * trace.cpp: the four sinks. No memory is allocated for a message. Only the open log file outlives it: every condition
- * is checked for each message.
+ * trace.cpp: the four sinks. No memory is allocated for a message. Only the log file stays open between messages: every
+ * condition is checked again for each message.
  */
 #include "dnscache/diagnostics/trace.h"
 
@@ -50,7 +50,7 @@ static bool log_file_is_ours()
            found.st_uid == geteuid() && found.st_nlink == 1;
 }
 
-/* Keeps the log off descriptors 0 to 2: a host without standard streams still prints to them. */
+/* Keeps the log off descriptors 0 to 2: a host without standard streams may still print to them. */
 static FILE *open_above_streams()
 {
     int held[3], count = 0;
@@ -78,7 +78,7 @@ static FILE *open_above_streams()
 namespace
 {
 
-/* If the log reaches the limit of file sizes, it loses text; SIGXFSZ must not kill the host. */
+/* If the log reaches the limit on file sizes, text is lost, but SIGXFSZ must not kill the host. */
 struct xfsz_guard {
     struct sigaction own;
 
@@ -106,7 +106,7 @@ static bool log_is_ready()
 
 static void render(trace_point *point, const char *format, va_list args)
 {
-    point->record.text[0] = '\0'; /* vsnprintf() may fail */
+    point->record.text[0] = '\0'; /* in case vsnprintf() fails */
     point->length = vsnprintf(point->record.text, sizeof point->record.text, format, args);
 }
 
@@ -167,7 +167,7 @@ void trace_point::finish(const char *format, ...)
     va_end(args);
 }
 
-/* H and B only. */
+/* Writes to H and B only. */
 static void trace_to_platform(const char *format, const char *function, int line)
 {
     trace_point point(function, line);

@@ -6,11 +6,11 @@
  *   F  debug log file     while the marker file exists; the function's name and line precede the message
  *   P  standard output    always
  *
- * TRACE writes to all four sinks, TRACE_ENTER and TRACE_EXIT write to H and B. Every sink gets the same text and adds
- * nothing to it. Sink failures are ignored.
+ * TRACE writes to all four sinks, TRACE_ENTER and TRACE_EXIT write to H and B. Every sink gets the same text, which H
+ * cuts to 511 characters. No newline is added. Sink failures are ignored.
  *
  * A helper that performs one step of an exported call traces under the name of that call, with TRACE_AS: readers of the
- * log know that name. A file with such helpers calls it `traced_as`.
+ * log know that name. Such helpers and their files keep it in `traced_as`.
  */
 #ifndef DNSCACHE_DIAGNOSTICS_TRACE_H
 #define DNSCACHE_DIAGNOSTICS_TRACE_H
@@ -29,8 +29,8 @@ struct history_record {
 static_assert(offsetof(history_record, text) == 4 && sizeof(history_record) == 516);
 
 /*
- * One message on its way through the sinks. It is rendered by the first of H and F that is on, and the later sinks
- * reuse that text if it fits into the history record.
+ * One message on its way through the sinks. The first of H and F that is on renders it, and F and P reuse that text if
+ * it fits into the history record. B renders for itself.
  */
 struct trace_point {
     const char *const function;
@@ -67,7 +67,7 @@ template <typename... Args>
 void dnscache_trace_enter(const char *function, int line);
 void dnscache_trace_exit(const char *function, int line);
 
-/* The compiler does not check the format that a template gets, so this printf(), which never runs, checks it. */
+/* The printf() never runs: it makes the compiler check the format, which it does not do for a template. */
 #define TRACE_AS(function, ...)                                                                              \
     do {                                                                                                     \
         if (false)                                                                                           \
@@ -84,7 +84,7 @@ void dnscache_trace_exit(const char *function, int line);
 #define TRACE_ENTER() dnscache_trace_enter(__func__, __LINE__)
 #define TRACE_EXIT() dnscache_trace_exit(__func__, __LINE__)
 
-/* What printf() prints for a missing text. */
+/* Returns for NULL what printf() of the GNU C library prints for it. */
 static inline const char *text_or_null(const char *text)
 {
     return text != nullptr ? text : "(null)";

@@ -68,6 +68,6 @@ void dnscache_spawnletcb_job_done(uint32_t handle, uint32_t syserr, void *ret_in
     const bool is_whole = from_child != nullptr && ret_info_size >= sizeof *from_child;
     if (is_whole && !is_answered_already(from_child) && ret_syserr == 0 && !store(from_child))
         return;
-    /* After store(): the refresh pass that it may start must still count this job. */
+    /* Called after store(): the refresh pass that store() may start must still count this job. */
     forget_job(handle);
 }

@@ -45,7 +45,7 @@ static bool answered_by_cache(const char *node, const char *service, int32_t vrf
     return true;
 }
 
-/* In any VRF and with any port: one slow host must not fill the list of background jobs. */
+/* Ignores VRF and port: one slow host must not fill the list of background jobs. */
 static bool is_host_running(const server_addr_info *request)
 {
     bool running = false;

@@ -12,7 +12,7 @@ void dns_cache_init(uint32_t queue, int32_t timeout_secs)
     if (cache_initialised != 0)
         return;
     async_queue = queue;
-    /* The result is ignored: without a queue lookups still work, only completions do not arrive. */
+    /* The result is ignored: without a queue, lookups still work, but no completions arrive. */
     spawnlet_register_async_q(queue);
     cache_initialised = 1;
     if (timeout_secs != 0)

@@ -1,6 +1,6 @@
 /*
- * job_list.h: the background jobs that are running, as their request records. Only job_list.cpp changes job_list and
- * running_jobs. Callers search the list in their own ways and trace their own messages.
+ * job_list.h: the list of the running background jobs: it holds their request records. Only job_list.cpp changes
+ * job_list and running_jobs. Each caller searches the list in its own way and traces its own messages.
  */
 #ifndef DNSCACHE_JOBS_JOB_LIST_H
 #define DNSCACHE_JOBS_JOB_LIST_H
@@ -12,7 +12,7 @@
 /*
  * job_list_next: the next running job, newest first.
  *
- * place  in and out: how far the caller is; NULL to start
+ * place  in and out: the position in the list; set it to NULL to start
  *
  * Returns its request record, which the list owns; NULL after the last one.
  */

@@ -1,5 +1,5 @@
 /*
- * job_start.h: the only way to the job service. Both kinds of job run resolve_server_hostname() on a request record.
+ * job_start.h: the only way to start a job. Both kinds of job run resolve_server_hostname() on a request record.
  * The routing-context connection is closed before each fork and reopened after it, so that no child inherits it.
  */
 #ifndef DNSCACHE_JOBS_JOB_START_H

@@ -1,12 +1,12 @@
 /*
- * list_block.cpp: memory shortage is detected here, while it can still be returned.
+ * list_block.cpp: detects memory shortage while the caller can still return an error.
  */
 #include "dnscache/lists/list_block.h"
 
 #include <glib.h>
 #include <stdlib.h>
 
-/* Many times what GLib allocates at once for links: the answer's chain is allocated before the link, too. */
+/* Many times what GLib allocates at once for links: get_res_back() may allocate a chain before the link. */
 static constexpr size_t LINK_RESERVE = 8192;
 
 static bool has_room_for_link()

@@ -32,7 +32,10 @@ static void append_number(char **end, const char *limit, long number)
     append(end, limit, first, static_cast<size_t>(text + sizeof text - first));
 }
 
-/* "%s:%d:%ld". snprintf() would take a third of the time that a hit spends outside trace and memory allocation. */
+/*
+ * Writes "%s:%d:%ld". It does not call snprintf(), which would take a third of the time that a hit spends outside trace
+ * and memory allocation.
+ */
 const char *create_hostcache_id(const char *host, int port, long vrf, char *out)
 {
     static char key[100];

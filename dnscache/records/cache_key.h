@@ -16,7 +16,7 @@ constexpr int CACHE_KEY_BYTES = 99;
  */
 extern "C" const char *create_hostcache_id(const char *host, int port, long vrf, char *out);
 
-/* port_of_service: the port in a cache key: the leading decimal digits of the service; 0 when there are none. */
+/* port_of_service: the port for a cache key: the decimal number that the service starts with; 0 if it has none. */
 int port_of_service(const char *service);
 
 #endif

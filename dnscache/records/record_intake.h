@@ -12,7 +12,7 @@
  * buffer   at least 1676 bytes, with any content
  *
  * Terminates every text that is read as a string and sets a negative count to 0. Leaves counts that are too large,
- * canonical names and address lengths unchanged: the decoder limits and traces them.
+ * canonical names and address lengths unchanged: the decoder limits them.
  *
  * Returns NULL when out of memory.
  */

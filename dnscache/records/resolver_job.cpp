@@ -1,6 +1,6 @@
 /*
- * resolver_job.cpp: runs in the child. It binds the process to the VRF, asks the system resolver and packs the answer
- * into one record, which has the same size for every result.
+ * resolver_job.cpp: the body of a job, which runs in the child. It binds the process to the VRF, asks the system
+ * resolver and packs the answer into one record, which has the same size for every result.
  */
 #include <sys/socket.h>
 #include <time.h>
@@ -40,16 +40,15 @@ static void pack_canonical_name(char (&slot)[65], const char *name)
 
 static void pack_entry(server_spawnlet_data_t *entry, int i, const struct addrinfo *ai)
 {
-    constexpr socklen_t sockaddr_in6_yolt_size = sizeof entry->addr6[0];
+    constexpr socklen_t ipv6_slot_size = sizeof entry->addr6[0];
 
     entry->ai_hdr[i] = image_of_addrinfo(*ai);
     const socklen_t size = ai->ai_addr != nullptr ? ai->ai_addrlen : 0;
     if (ai->ai_family == AF_INET6) {
         TRACE_AS(traced_as, "IPV6 address : sizeof(sockaddr_in6_yolt) : %d \n",
-                 static_cast<int>(sockaddr_in6_yolt_size));
+                 static_cast<int>(ipv6_slot_size));
         if (size > 0)
-            memcpy(entry->addr6[i], ai->ai_addr,
-                   size < sockaddr_in6_yolt_size ? size : sockaddr_in6_yolt_size);
+            memcpy(entry->addr6[i], ai->ai_addr, size < ipv6_slot_size ? size : ipv6_slot_size);
     }
     if (size > 0)
         memcpy(entry->addr[i], ai->ai_addr, size < sizeof entry->addr[i] ? size : sizeof entry->addr[i]);
@@ -76,7 +75,7 @@ static void pack_answers(server_spawnlet_data_t *entry, struct addrinfo *answers
     }
 }
 
-/* cold: each child runs it once, so it should touch few pages rather than be fast. */
+/* cold: each child runs it once, so touching few pages matters more than speed. */
 [[gnu::cold]] int resolve_server_hostname(server_addr_info *request)
 {
     const errno_guard kept;

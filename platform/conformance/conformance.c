@@ -725,7 +725,7 @@ static void completion_may_be_without_record(void)
 static void handle_may_lie_in_the_argument(void)
 {
     struct {
-        task task;
+        task work;
         uint32_t handle;
     } request = {{1, 6}, 0};
     const job_options options = options_for(0);
@@ -842,8 +842,7 @@ static void every_code_has_a_text(void)
     for (uint32_t code = 0; code < 0x1000; code++)
         EXPECT(errcode2str(code) != NULL && errcode2str(code)[0] != '\0');
     EXPECT(errcode2str(UINT32_MAX) != NULL && errcode2str(UINT32_MAX)[0] != '\0');
-    EXPECT(text != NULL &&
-           strcmp(text, copy) == 0); /* later calls do not overwrite the text of an earlier one */
+    EXPECT(text != NULL && strcmp(text, copy) == 0); /* later calls do not overwrite earlier texts */
 }
 
 static void routing_context_opens_and_closes(void)

@@ -1,3 +1,6 @@
+/*
+ * linux.c: the conformance port of platform/linux.
+ */
 #include <poll.h>
 
 #include "platform/conformance/conformance.h"

@@ -1,3 +1,6 @@
+/*
+ * memory.c: the conformance port of platform/memory.
+ */
 #include "platform/conformance/conformance.h"
 #include "platform/memory/memory_platform.h"
 

@@ -38,7 +38,7 @@ enum {
     LINUX_JOB_TIMED_OUT = 0x501, /* the deadline passed; the child was killed */
     LINUX_JOB_NO_RESULT = 0x502, /* the child exited, or sent a malformed message, before its body's result */
     LINUX_JOB_FORK_REFUSED = 0x503, /* the system's limit on processes is reached */
-    LINUX_JOB_NO_RESOURCES = 0x504, /* out of descriptors, memory or LINUX_JOBS_MAX */
+    LINUX_JOB_NO_RESOURCES = 0x504, /* out of descriptors or memory, or LINUX_JOBS_MAX is reached */
     LINUX_JOB_TOO_LARGE = 0x505,    /* the child handed back more than LINUX_HANDBACK_MAX */
     LINUX_JOB_BAD_ARGUMENT = 0x506,
 };
@@ -69,11 +69,11 @@ uint32_t linux_queue_create(void);
  */
 int linux_queue_next(uint32_t queue, linux_completion *completion);
 
-/* Takes the five values of a completion: dnscache_spawnletcb_job_done() is one. */
+/* A function that takes the five values of a completion, such as dnscache_spawnletcb_job_done(). */
 typedef void (*linux_completion_handler)(uint32_t handle, uint32_t syserr, void *ret_info,
                                          uint32_t ret_info_size, int32_t ret_syserr);
 
-/* Sees a completion that has been delivered. completion->ret_info is still valid. */
+/* A function that gets a completion after it has been delivered. completion->ret_info is still valid. */
 typedef void (*linux_completion_observer)(const linux_completion *completion, void *data);
 
 /*
@@ -130,8 +130,8 @@ void linux_debug_enable(int on);
 
 /*
  * VRFs. VRF 0 is where the host runs. VRF N is the network namespace vrfN or, if there is no such namespace, the
- * device vrfN of the host's own namespace. If it has resolver files of its own, a job sees them in place of those of
- * the same name in /etc.
+ * device vrfN of the host's own namespace. If the VRF has resolver files of its own, a job sees them in place of those
+ * of the same name in /etc.
  */
 
 #define LINUX_VRF_NAMESPACES "/run/netns" /* contains vrfN */
@@ -164,7 +164,7 @@ linux_vrf *linux_vrf_list(size_t *count);
  * spawnlet_fork_fp() returned becomes invalid. It uses no network, and writes neither to standard error nor to the
  * event history.
  *
- * reason, size  receives "" or the reason why not, NUL-terminated, cut to size; NULL with 0 for none.
+ * reason, size  receives "" or the reason why not, NUL-terminated, cut to size. Pass NULL and 0 if you do not need it.
  *               LINUX_HISTORY_BYTES are enough for every reason
  *
  * Returns 0 when a job can be bound to it; -1 when not, and always in a process that is bound to another VRF. errno

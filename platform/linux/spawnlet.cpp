@@ -1,5 +1,5 @@
 /*
- * spawnlet.cpp: the calls of the job service, its codes and their texts, and the fork.
+ * spawnlet.cpp: the two calls that start a job, the texts of the codes, and the fork.
  *
  * A job is over when the parent has read the child's result, not when the child has exited: if the parent has much
  * memory, that exit takes as long as the fork did. The child is reaped later through its pidfd. ECHILD is no error
@@ -26,7 +26,7 @@
 static_assert(sizeof(job_options) == 44);
 
 static linux_job_counters counters;
-static unsigned char *last_handback; /* of spawnlet_fork_fp() */
+static unsigned char *last_handback; /* what the last spawnlet_fork_fp() returned; the next call frees it */
 
 void linux_jobs_started(linux_job_counters *out)
 {
@@ -89,7 +89,7 @@ static void reap_at_gate(pid_t pid)
         poll(nullptr, 0, 1);
 }
 
-/* If the child was killed in pass_gate() and reaped, its pid may be reused. -1: it is not our child. */
+/* Returns -1 if the pid is not our child: it may be reused after a child was killed in pass_gate() and reaped. */
 static int pidfd_of_child(pid_t pid)
 {
     const int pidfd = above_streams(pidfd_open(pid, 0));
@@ -144,7 +144,7 @@ static uint32_t fork_into(spawnlet_job *slot, child_plan *plan)
     return LINUX_JOB_OK;
 }
 
-/* EPIPE: the child is dead, as job_advance() will find. After other errors it would wait in vain in pass_gate(). */
+/* EPIPE means that the child is dead: job_advance() will detect it. Other errors leave the child in pass_gate(). */
 static bool open_gate(int channel)
 {
     ssize_t sent;

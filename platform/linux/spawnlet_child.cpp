@@ -86,7 +86,7 @@ static void forget_buffered_text(const child_plan *plan)
             __fpurge(stream);
 }
 
-/* There is room for all text, so writing cannot block, and a reader, so SIGPIPE cannot kill the child. */
+/* Whether there is room for all text, so that writing does not block, and a reader, so that it does not fail. */
 static bool takes_text_at_once(FILE *stream)
 {
     const int fd = fileno(stream);
@@ -103,10 +103,10 @@ static void flush_own_text(const child_plan *plan, bool may_wait)
 }
 
 /*
- * Regular files, such as the debug log, stay open: no process waits for their end. Sockets, pipes and event
- * descriptors are closed: otherwise the daemon's peers would not see it when the daemon closes them.
+ * Regular files, such as the debug log, stay open: no process waits for them to be closed. Sockets, pipes and event
+ * descriptors are closed: otherwise the daemon's peers would not notice when the daemon closes them.
  */
-static void shed(const child_plan *plan, int fd)
+static void close_if_unneeded(const child_plan *plan, int fd)
 {
     const bool is_needed = fd <= STDERR_FILENO || fd == child_channel || fd == descriptor_of(plan->in) ||
                            fd == descriptor_of(plan->out) || fd == descriptor_of(plan->err);
@@ -129,22 +129,22 @@ static bool none_is_open_from(int limit)
     return fcntl(limit, F_GETFD) < 0 && select(limit + 1, &beyond, nullptr, nullptr, &no_wait) == 0;
 }
 
-/* false: there may be more. Most daemons have few, and listing /proc/self/fd takes half as long as a fork. */
-static bool shed_few(const child_plan *plan)
+/* Returns false if there may be more. Most daemons have few, and listing /proc/self/fd takes half as long as a fork. */
+static bool close_few(const child_plan *plan)
 {
     for (const int limit : {64, 128}) { /* sizes of the kernel's descriptor tables */
         if (!none_is_open_from(limit))
             continue;
         for (int fd = 0; fd < limit; fd++)
             if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF)
-                shed(plan, fd);
+                close_if_unneeded(plan, fd);
         return true;
     }
     return false;
 }
 
-/* false: the list is incomplete. */
-static bool shed_listed(const child_plan *plan)
+/* Returns false if the list is incomplete. */
+static bool close_listed(const child_plan *plan)
 {
     DIR *open_descriptors = opendir("/proc/self/fd");
     if (open_descriptors == nullptr)
@@ -153,7 +153,7 @@ static bool shed_listed(const child_plan *plan)
     while ((errno = 0, entry = readdir(open_descriptors)) != nullptr) {
         const int fd = static_cast<int>(strtol(entry->d_name, nullptr, 10));
         if (fd != dirfd(open_descriptors))
-            shed(plan, fd);
+            close_if_unneeded(plan, fd);
     }
     const bool is_complete = errno == 0;
     closedir(open_descriptors);
@@ -162,11 +162,11 @@ static bool shed_listed(const child_plan *plan)
 
 static void close_inherited(const child_plan *plan)
 {
-    if (shed_few(plan) || shed_listed(plan))
+    if (close_few(plan) || close_listed(plan))
         return;
     /* The daemon may run without /proc. */
     for (int fd = 0, limit = getdtablesize(); fd < limit; fd++)
-        shed(plan, fd);
+        close_if_unneeded(plan, fd);
 }
 
 /* Copies a descriptor above 2, because connect_streams() is about to replace descriptors 0 to 2. */
@@ -240,7 +240,7 @@ int spawnlet_done(const void *buffer, uint32_t size)
         return -1;
     }
     if (size > LINUX_HANDBACK_MAX) {
-        /* From this size the parent sees why there is no answer. */
+        /* The announced size tells the parent why there is no answer. */
         const frame_header header = {.kind = FRAME_HANDBACK, .size = size};
         send(child_channel, &header, sizeof header, MSG_NOSIGNAL);
         errno = EMSGSIZE;

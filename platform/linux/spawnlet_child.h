@@ -17,7 +17,7 @@ struct child_plan {
     int channel = -1;        /* child's end */
     int parent_channel = -1; /* inherited copy of the parent's end; the child closes it */
     pid_t parent = 0;
-    unsigned seconds = 0; /* after these SIGALRM kills the child, if its parent has not done so */
+    unsigned seconds = 0; /* after this time SIGALRM kills the child, if its parent has not done so */
 };
 
 /* child_run: everything from the fork to the exit. Call it with all signals blocked. */

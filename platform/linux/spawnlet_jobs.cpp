@@ -13,7 +13,7 @@
 #include "platform/linux/monotonic_clock.h"
 #include "platform/linux/pidfd.h"
 
-/* Of one job_advance(): enough for the largest hand-back. Then the deadline is checked. */
+/* The most that one job_advance() reads before it checks the deadline: enough for the largest hand-back. */
 static constexpr int portions_max = 32;
 
 static spawnlet_job jobs[LINUX_JOBS_MAX];
@@ -91,10 +91,10 @@ void jobs_reap()
 }
 
 /*
- * The children of a large parent can exit more slowly than new ones start. This waits until one has exited or reaches
- * its deadline and must be killed. Returns false if none is leaving.
+ * The children of a large parent can exit more slowly than new ones start. This waits until deadline_ns, or until a
+ * leaving child has exited or reaches its deadline and must be killed. Returns false if no child is leaving.
  */
-static bool wait_for_leaver(int64_t deadline_ns)
+static bool wait_for_leaving_child(int64_t deadline_ns)
 {
     struct pollfd leaving[LINUX_JOBS_MAX];
     nfds_t count = 0;
@@ -124,7 +124,7 @@ spawnlet_job *free_slot(int64_t deadline_ns)
     for (;;) {
         jobs_reap();
         spawnlet_job *slot = find_free_slot();
-        if (slot != nullptr || monotonic_ns() >= deadline_ns || !wait_for_leaver(deadline_ns))
+        if (slot != nullptr || monotonic_ns() >= deadline_ns || !wait_for_leaving_child(deadline_ns))
             return slot;
     }
 }

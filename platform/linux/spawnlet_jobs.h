@@ -14,7 +14,7 @@
 
 #include "platform/linux/spawnlet_wire.h"
 
-/* The child has this long to write its buffered text and to exit, once its result has been read. */
+/* Once its result has been read, the child has this time to write its buffered text and to exit. */
 constexpr int JOB_LEAVING_SECONDS = 2;
 
 enum job_state { JOB_FREE, JOB_RUNNING, JOB_LEAVING };

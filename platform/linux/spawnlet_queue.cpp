@@ -21,7 +21,7 @@
 
 static int registered_queue = -1;
 static int deadline_timer = -1;
-static unsigned char *delivered_handback; /* of the last completion */
+static unsigned char *delivered_handback; /* of the last completion; linux_queue_next() frees it */
 
 static bool is_in_background(const spawnlet_job &job)
 {
@@ -61,7 +61,7 @@ static bool open_timer()
     return deadline_timer >= 0;
 }
 
-/* If that deadline has passed, the timer becomes readable at once. */
+/* If the earliest deadline has passed, the timer becomes readable at once. */
 void queue_set_timer()
 {
     if (registered_queue < 0)
@@ -151,7 +151,7 @@ int linux_queue_next(uint32_t queue, linux_completion *completion)
     delivered_handback = nullptr;
     jobs_reap();
 
-    static uint32_t turn; /* the slot to check first: no busy job can delay the others */
+    static uint32_t turn; /* the slot to check first; it moves on, so that no busy job delays the others */
     int taken = 0;
     for (uint32_t i = 0; i < LINUX_JOBS_MAX && taken == 0; i++) {
         spawnlet_job *job = &all_jobs()[turn++ % LINUX_JOBS_MAX];

@@ -37,7 +37,7 @@ struct wire_reader {
     uint32_t header_got;
     uint32_t payload_got;
     uint64_t total_got;      /* limited, so that a child cannot flood its parent */
-    unsigned char *handback; /* from malloc(); NULL if no hand-back has come, or an empty one */
+    unsigned char *handback; /* from malloc(); NULL if none has arrived, or an empty one */
     uint32_t handback_size;
     int32_t result;
 };

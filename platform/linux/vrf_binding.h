@@ -9,7 +9,7 @@
 
 #include <stdint.h>
 
-/* For "vrf2147483647". The name of a device has the same limit. */
+/* Room for "vrf2147483647". The name of a device has the same limit. */
 constexpr int VRF_NAME_BYTES = 16;
 
 /* vrf_failed: store the reason of a failure: this text, and that of the errno. Returns error. */

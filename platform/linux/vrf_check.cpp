@@ -11,7 +11,7 @@
 
 static constexpr int32_t TRIAL_SECONDS = 10;
 
-/* In the child. After a failure it is partly bound: it sends the reason and exits without using the network. */
+/* Runs in the child. After a failure it sends the reason and exits without using the network: it is partly bound. */
 static int try_to_bind(void *vrf)
 {
     const int error = vrf_bind(*static_cast<const int32_t *>(vrf));

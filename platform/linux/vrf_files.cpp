@@ -82,7 +82,7 @@ static int cover(resolver_file *file, const char *own, const char *path)
     const int tree = clone_mount(own, &status);
     if (tree < 0)
         return vrf_failed(errno, "%s", own);
-    /* Never closed: while a file is open its inode number is not reused, so is_in_place() accepts no other file. */
+    /* tree is never closed: while a file is open, its inode number is not reused, so is_in_place() accepts no other. */
     if (!S_ISREG(status.st_mode))
         return vrf_failed(EINVAL, "%s, which is no regular file", own);
     if (!mount_over(tree, &status, path))
@@ -93,7 +93,7 @@ static int cover(resolver_file *file, const char *own, const char *path)
     return is_in_place(file) ? 0 : vrf_failed(EBUSY, "%s over %s", own, path);
 }
 
-/* For a file that the VRF lacks: the host's own stays readable, even if it is a link into a folder to be hidden. */
+/* Keeps a host's file that the VRF lacks readable, even if it is a link into a folder that hide_sockets() hides. */
 static int keep_link_readable(resolver_file *file, const char *path)
 {
     struct stat status;

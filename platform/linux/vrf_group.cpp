@@ -1,7 +1,7 @@
 /*
  * vrf_group.cpp: the control group of a device, <base>/vrf/<device>.<index>.<network namespace>, similar to the one
  * that "ip vrf exec" creates. The base is the daemon's own group, so the limits and accounting of its service cover
- * its jobs.
+ * its jobs; if that group belongs to a VRF or cannot have such children, the base is an ancestor of it.
  *
  * The first job creates the group. The group is kept, since the jobs in it share its programs. The index is part of
  * its name, so that a device that is deleted and created again gets another group. The inode number of the network

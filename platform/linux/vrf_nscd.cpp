@@ -37,7 +37,7 @@ static char *end_of_line(char *line, const char *end)
     return static_cast<char *>(memchr(line, '\n', static_cast<size_t>(end - line)));
 }
 
-/* Does not use stdio, which would take as long as the kernel needs to generate the whole file. */
+/* Does not use stdio: that alone would take as long as the kernel takes to generate the whole file. */
 static int forget_tables(int maps)
 {
     char text[PATH_MAX + 4096];

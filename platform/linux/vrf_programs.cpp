@@ -36,7 +36,7 @@ static uint64_t address(const void *pointer)
     return reinterpret_cast<uintptr_t>(pointer);
 }
 
-/* Before Linux 5.11 programs count against RLIMIT_MEMLOCK, which is low for daemons; raising it takes privilege. */
+/* Before Linux 5.11 programs count against RLIMIT_MEMLOCK, which is low for daemons; raising it requires privilege. */
 static int load_with_raised_limit(union bpf_attr *load)
 {
     constexpr struct rlimit no_limit = {RLIM_INFINITY, RLIM_INFINITY};
@@ -116,7 +116,7 @@ static void build_egress()
     egress.length = static_cast<size_t>(next - egress.code);
 }
 
-/* The name is a hash of the code, which includes the members: a program that has this name is this very program. */
+/* The name is a hash of the code, which includes the members: a program with this name has exactly this code. */
 static void name_egress()
 {
     uint64_t hash = 0xcbf29ce484222325; /* FNV-1a */

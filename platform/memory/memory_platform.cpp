@@ -1,3 +1,6 @@
+/*
+ * memory_platform.cpp: all of platform/ without processes. `memory` scripts and records what the calls do.
+ */
 #include "platform/memory/memory_platform.h"
 
 #include <stdarg.h>
@@ -74,7 +77,7 @@ static int32_t run_body(const memory_job *job, handback *kept)
     return result;
 }
 
-/* options is NULL only if a hook gave an outcome to a job without options. Then there is no time-out, which is 0. */
+/* options is NULL only if a hook gave an outcome to a job without options. Then the result is 0: no time-out. */
 static int32_t time_out_of(const job_options *options)
 {
     return options != nullptr ? options->timeout_secs : 0;

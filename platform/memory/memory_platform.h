@@ -47,14 +47,14 @@ typedef struct {
     void *arg; /* not copied: must live until the completion */
     const job_options *options;
     FILE *in, *out, *err;
-    /* NULL. If a hook sets it, no body runs, and this is the job's result; it must live until the job ends. */
+    /* NULL at first. If a hook sets it, no body runs, and this is the job's result; it must live until the job ends. */
     const memory_completion *outcome;
 } memory_job;
 
 /* Everything that a test can set and read. */
 typedef struct {
     /* set by the test; all zero at start */
-    /* How long each job takes that ends from now on. If that exceeds its time-out, it times out and no body runs. */
+    /* How long each job takes that ends from now on. A job whose time-out is shorter times out; its body never runs. */
     int32_t job_seconds;
     int jobs_never_end;     /* background jobs get a handle, but never run and never complete */
     uint32_t next_handle;   /* handle of the next background job; 0 is skipped */
