@@ -11,7 +11,7 @@
  *
  *               On a hit, the cache answers at once. On a miss, a child process is forked; it binds itself to the VRF,
  *               resolves the name and hands back a fixed record. The call waits for the child, for at most the
- *               blocking time-out (3 s). No name is ever resolved in your own process.
+ *               blocking timeout (3 s). No name is ever resolved in your own process.
  *
  *   Try again   -3 means that the child did not finish in time. A second child continues in the background, for at most
  *               300 s. Return to your event loop and repeat the lookup when its completion has arrived.
@@ -155,7 +155,7 @@ extern char file_name[255];
  * look up names of more than 80 characters: the lookup could return the cached answer of another VRF.
  *
  * If you set *res to NULL, it is NULL after every result other than 0.
- * Blocks   for at most the blocking time-out.
+ * Blocks   for at most the blocking timeout.
  * Changes  SIGCHLD, see above. Storing an answer in a full cache runs a refresh pass; if the cache is still full, its
  *          oldest record is removed.
  */
@@ -166,7 +166,7 @@ int getaddrinfo_async_mq3(const char *node, const char *service, const struct ad
  * dns_cache_init: register the completion queue. Only the first call has an effect.
  *
  * queue         handle of the platform's queue, passed to its job service
- * timeout_secs  blocking time-out in seconds; 0 keeps the default of 3 s
+ * timeout_secs  blocking timeout in seconds; 0 keeps the default of 3 s
  *
  * Lookups work without this call, but completions of background jobs are not delivered.
  */

@@ -19,7 +19,7 @@ static constexpr char SUMMARY[] =
     "comment; PORT and VRF default to the values of --service and --vrf.";
 
 static constexpr char DESCRIPTION[] =
-    "A lookup that takes longer than the time-out continues in the background, for at most " SECONDS_MAX
+    "A lookup that takes longer than the timeout continues in the background, for at most " SECONDS_MAX
     " seconds.\n"
     "\n"
     "Exit status, the largest that applies:\n"

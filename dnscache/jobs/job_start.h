@@ -21,7 +21,7 @@ struct job_outcome {
     int32_t ret_syserr;
 };
 
-/* new_job_options: an options record with a random tag, for all jobs of one call. Each start sets the time-out. */
+/* new_job_options: an options record with a random tag, for all jobs of one call. Each start sets the timeout. */
 job_options new_job_options();
 
 /*

@@ -31,7 +31,7 @@
 #define REQUEST_SIZE 564 /* bytes of the argument that the library's jobs get */
 #define RECORD_SIZE 1676 /* bytes of the record that they hand back */
 #define JOBS_AT_ONCE 10  /* background jobs that the library runs at a time */
-#define LATE_MS 5000     /* a job with a time-out of 1 s must end before this */
+#define LATE_MS 5000     /* a job with a timeout of 1 s must end before this */
 #ifndef CHECK_SECONDS
 #define CHECK_SECONDS 20 /* a check that takes longer counts as hanging */
 #endif
@@ -287,7 +287,7 @@ static void do_nothing_job(void)
     EXPECT(run(do_task, &nothing).code == 0);
 }
 
-/* Returns a body that exceeds its time-out: it waits for ever, or the port pretends that each job takes 60 s. */
+/* Returns a body that exceeds its timeout: it waits forever, or the port pretends that each job takes 60 s. */
 static spawnlet_body_t too_long(void)
 {
     if (the_port.jobs_take == NULL)
@@ -406,7 +406,7 @@ static void argument_is_seen(void)
     EXPECT(run(find_pattern, request).result == 1);
 }
 
-static void zero_means_no_time_out(void)
+static void zero_means_no_timeout(void)
 {
     task t = {0, 4};
     const outcome o = run_on(do_task, &t, 0, NULL, NULL);
@@ -443,7 +443,7 @@ static void enough_time_is_enough(void)
     EXPECT(o.code == 0 && o.result == 8);
 }
 
-static void child_ends_at_its_time_out(void)
+static void child_ends_at_its_timeout(void)
 {
     int *pid = shared_flag();
     EXPECT(run_on(show_pid_and_wait, pid, 1, NULL, NULL).code != 0);
@@ -694,7 +694,7 @@ static void hosts_pipes_are_its_own(void)
     const uint32_t queue = the_queue();
     start(wait_for_flag, flag, 0);
     close(ends[1]);
-    EXPECT(read(ends[0], &byte, 1) == 0); /* blocks for ever if the child has inherited the other end */
+    EXPECT(read(ends[0], &byte, 1) == 0); /* blocks forever if the child has inherited the other end */
     *flag = 1;
     next(queue);
 }
@@ -937,11 +937,11 @@ static const struct {
     {"what one body handed back is not the next one's", record_is_not_delivered_again, 0},
     {"the buffer outlives jobs in the background", buffer_outlives_background_jobs, 0},
     {"a body sees its argument", argument_is_seen, 0},
-    {"a time-out of 0 is none at once", zero_means_no_time_out, 0},
+    {"a timeout of 0 does not end the job at once", zero_means_no_timeout, 0},
     {"a body that takes too long is a code, in time", too_long_is_a_code, 0},
     {"signals do not make it take longer", signals_do_not_prolong_it, 0},
     {"a body that takes less time than it may is not cut short", enough_time_is_enough, 0},
-    {"a child ends at its time-out", child_ends_at_its_time_out, 1},
+    {"a child ends at its timeout", child_ends_at_its_timeout, 1},
     {"a child ends with its host", child_ends_with_its_host, 1},
     {"a result is not kept waiting by who stays behind", result_comes_before_end_of_stream, 1},
     {"a child that is killed is a code", killed_is_a_code, 1},
@@ -994,7 +994,7 @@ static int wait_for_check(pid_t process)
     const long end = now_ms() + CHECK_SECONDS * 1000L;
     while (waitpid(process, &status, WNOHANG) == 0) {
         if (now_ms() > end) {
-            printf("# waits for ever\n");
+            printf("# waits forever\n");
             return BROKEN;
         }
         usleep(2000);

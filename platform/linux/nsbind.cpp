@@ -1,6 +1,6 @@
 /*
  * nsbind.cpp: binding a process to a VRF: to its network, and to its resolver files in /etc/netns/vrfN. VRF 0 is
- * where the host runs.
+ * where the host runs. vrf_find.cpp decides what VRF N is; vrf_device.cpp binds the sockets if it is a device.
  *
  * Binding fails closed, because the caller may ignore the result. When binding fails, the process is moved to a
  * namespace whose only device is a loopback that is down, and it can open no more descriptors: daemons that answer

@@ -77,7 +77,7 @@ static int32_t run_body(const memory_job *job, handback *kept)
     return result;
 }
 
-/* options is NULL only if a hook gave an outcome to a job without options. Then the result is 0: no time-out. */
+/* options is NULL only if a hook gave an outcome to a job without options. Then the result is 0: no timeout. */
 static int32_t time_out_of(const job_options *options)
 {
     return options != nullptr ? options->timeout_secs : 0;

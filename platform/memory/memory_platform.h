@@ -54,7 +54,7 @@ typedef struct {
 /* Everything that a test can set and read. */
 typedef struct {
     /* set by the test; all zero at start */
-    /* How long each job takes that ends from now on. A job whose time-out is shorter times out; its body never runs. */
+    /* How long each job takes that ends from now on. A job whose timeout is shorter times out; its body never runs. */
     int32_t job_seconds;
     int jobs_never_end;     /* background jobs get a handle, but never run and never complete */
     uint32_t next_handle;   /* handle of the next background job; 0 is skipped */

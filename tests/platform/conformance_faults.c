@@ -58,7 +58,7 @@ static spawnlet_body_t with_fault(spawnlet_body_t body)
 static job_options shortened(const job_options *options)
 {
     job_options less = *options;
-    if (has("shortens time-outs"))
+    if (has("shortens timeouts"))
         less.timeout_secs = 1;
     return less;
 }
@@ -86,7 +86,7 @@ uint32_t __wrap_spawnlet_fork_fp(spawnlet_body_t body, void *arg, void **ret_inf
         return 0;
     }
     if ((has("fails every job after a failure") && failed) ||
-        (has("refuses a time-out of 0") && options->timeout_secs == 0))
+        (has("refuses a timeout of 0") && options->timeout_secs == 0))
         return 1;
     const uint32_t code = __real_spawnlet_fork_fp(
         with_fault(body), has("loses the argument") ? other_argument : arg, ret_info, ret_info_size,

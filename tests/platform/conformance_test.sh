@@ -23,10 +23,10 @@ hides failures:a child that leaves without a result
 hides failures:also when it has handed something back
 returns the last record again:a body that hands nothing back
 returns the last record again:what one body handed back is not
-refuses a time-out of 0:a time-out of 0
+refuses a timeout of 0:a timeout of 0
 reports failures late:a body that takes too long is a code
-shortens time-outs:a body that takes less time
-runs a body in a grandchild:a child ends at its time-out
+shortens timeouts:a body that takes less time
+runs a body in a grandchild:a child ends at its timeout
 runs a body in a grandchild:a child ends with its host
 blocks a child's signals:a child has no signal handler and mask
 closes the log in a child:a child can write to a log
