@@ -138,16 +138,10 @@ static void print(FILE *out, const trace_point *point, const char *format, va_li
         vfprintf(out, format, args);
 }
 
-[[gnu::cold]] static void write_log_file(trace_point *point, const char *format, va_list args)
+[[gnu::cold]] static void write_log_file(const trace_point *point, const char *format, va_list args)
 {
     const xfsz_guard guard;
     fprintf(log_file, "%s() : %d ", point->function, point->line);
-    if (point->length < 0) {
-        va_list copy;
-        va_copy(copy, args);
-        render(point, format, copy);
-        va_end(copy);
-    }
     print(log_file, point, format, args);
     /* A forked child would write text that is still in the buffer a second time. */
     fflush(log_file);
@@ -156,13 +150,17 @@ static void print(FILE *out, const trace_point *point, const char *format, va_li
 void trace_point::finish(const char *format, ...)
 {
     va_list args;
-    va_start(args, format);
     if (log_is_ready()) {
-        va_list copy;
-        va_copy(copy, args);
-        write_log_file(this, format, copy);
-        va_end(copy);
+        if (length < 0) {
+            va_start(args, format);
+            render(this, format, args);
+            va_end(args);
+        }
+        va_start(args, format);
+        write_log_file(this, format, args);
+        va_end(args);
     }
+    va_start(args, format);
     print(stdout, this, format, args);
     va_end(args);
 }

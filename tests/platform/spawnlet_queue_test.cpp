@@ -1,3 +1,5 @@
+#include <sys/epoll.h>
+
 #include "tests/support/jobs.h"
 
 /* A process can register only one queue: all tests in it share this one. */
@@ -51,10 +53,12 @@ TEST(SpawnletQueue, AcceptsTimelyResultReadAfterTheDeadline)
 TEST(SpawnletQueue, DispatchDeliversAllWaitingCompletions)
 {
     static std::string calls;
-    the_queue();
+    struct epoll_event events[8];
+    const int queue = static_cast<int>(the_queue());
     for (int i = 0; i < 2; i++)
-        start_job(job_ways()[3].body, job_ways()[3].arg, 1);
-    poll(nullptr, 0, 1000); /* both deadlines have passed, so both jobs are over */
+        start_job(job_ways()[3].body, job_ways()[3].arg);
+    /* Channel and pidfd of each job: both have exited. */
+    ASSERT_TRUE(eventually([&] { return epoll_wait(queue, events, 8, 0) == 4; }));
     const auto deliver = [](uint32_t, uint32_t, void *record, uint32_t size, int32_t) {
         calls += (record != nullptr ? "record " : "none ") + std::to_string(size) + ", ";
     };
