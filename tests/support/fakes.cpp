@@ -1,6 +1,5 @@
 #include "tests/support/fakes.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -8,6 +7,8 @@
 #include <sys/stat.h>
 
 #include <sstream>
+#include <tuple>
+#include <utility>
 
 fake_world fake;
 
@@ -29,32 +30,6 @@ static FILE *noting_stream(const char *sink, int buffering)
                                {.read = nullptr, .write = note_write, .seek = nullptr, .close = nullptr});
     setvbuf(stream, nullptr, buffering, 4096);
     return stream;
-}
-
-server_spawnlet_data_t a_record(const std::string &host, int port, int vrf,
-                                const std::vector<std::string> &addresses)
-{
-    server_spawnlet_data_t record = {};
-    snprintf(record.serv_id, sizeof record.serv_id, "%s:%d:%d", host.c_str(), port, vrf);
-    snprintf(record.serv_name, sizeof record.serv_name, "%s", host.c_str());
-    snprintf(record.service, sizeof record.service, "%d", port);
-    record.vrf = vrf;
-    record.status = addresses.empty() ? ENTRY_EMPTY : ENTRY_RESOLVED;
-    for (const std::string &address : addresses) {
-        const int i = record.num_entries++;
-        struct sockaddr_in sin = {.sin_family = AF_INET};
-        struct sockaddr_in6 sin6 = {.sin6_family = AF_INET6};
-        const bool ipv4 = inet_pton(AF_INET, address.c_str(), &sin.sin_addr) == 1;
-        if (!ipv4) {
-            inet_pton(AF_INET6, address.c_str(), &sin6.sin6_addr);
-            memcpy(record.addr6[i], &sin6, sizeof sin6);
-        }
-        memcpy(record.addr[i], ipv4 ? static_cast<void *>(&sin) : &sin6, 16);
-        record.ai_hdr[i] = {.ai_family = ipv4 ? AF_INET : AF_INET6,
-                            .ai_socktype = SOCK_STREAM,
-                            .ai_addrlen = static_cast<uint32_t>(ipv4 ? sizeof sin : sizeof sin6)};
-    }
-    return record;
 }
 
 /* Hooks of the memory platform */
@@ -144,12 +119,11 @@ void world_test::SetUp()
     memory.on_call = note_call;
     memory.on_history = note_history;
     memory.on_debug = note_debug;
+    static const auto at_start =
+        std::tuple(running_jobs, cache_initialised, blocking_timeout, cache_timeout, async_queue);
+    std::tie(running_jobs, cache_initialised, blocking_timeout, cache_timeout, async_queue) = at_start;
     local_cache = job_list = nullptr;
-    running_jobs = cache_initialised = 0;
-    blocking_timeout = 3;
-    cache_timeout = 60;
-    async_queue = 0;
-    log_file = nullptr;
+    log_file = noting_stream("F ", _IOFBF);
     memset(file_name, 0, sizeof file_name);
     signal(SIGCHLD, SIG_DFL);
     real_stdout = stdout;
@@ -162,8 +136,8 @@ void world_test::TearDown()
     stdout = real_stdout;
     if (log_file != nullptr)
         fclose(log_file);
-    destroy_dns_cache(local_cache);
-    destroy_dns_cache(job_list);
+    EXPECT_EQ(destroy_dns_cache(local_cache), 0);
+    EXPECT_EQ(destroy_dns_cache(job_list), 0);
     EXPECT_EQ(fake.blocks.size(), 0u) << "leaked";
 }
 
@@ -176,20 +150,64 @@ int __real_stat(const char *path, struct stat *status);
 FILE *__real_fopen(const char *path, const char *mode);
 int __real_open(const char *path, int flags, ...);
 
+static constexpr char guard[] = "guard";
+
+/* Fills the block, so that code which relies on zeroed memory fails, and the bytes behind it, which free() checks. */
 void *__wrap_malloc(size_t size)
 {
-    if (fake.failing_malloc > 0 && --fake.failing_malloc == 0)
+    if (fake.failing_malloc > 0 && --fake.failing_malloc == 0) {
+        errno = ENOMEM;
         return nullptr;
-    void *block = __real_malloc(size);
-    memset(block, 0xa5, size); /* so that code which relies on zeroed memory fails */
-    fake.blocks.insert(block);
+    }
+    void *block = __real_malloc(size + sizeof guard);
+    memset(block, 0xa5, size);
+    memcpy(static_cast<char *>(block) + size, guard, sizeof guard);
+    fake.blocks[block] = size;
     return block;
 }
 
 void __wrap_free(void *block)
 {
-    fake.blocks.erase(block);
+    const auto found = fake.blocks.find(block);
+    if (found != fake.blocks.end()) {
+        EXPECT_EQ(memcmp(static_cast<char *>(block) + found->second, guard, sizeof guard), 0) << "overflow";
+        memset(block, 0x5a, found->second); /* so that code which reads it later fails */
+        fake.blocks.erase(found);
+    }
     __real_free(block);
+}
+
+void *__wrap_g_try_malloc(size_t size)
+{
+    return malloc(size);
+}
+
+void __wrap_g_free(void *block)
+{
+    free(block);
+}
+
+/* Links of lists are such blocks, too, but never fail. */
+GList *__wrap_g_list_prepend(GList *list, void *data)
+{
+    const long failing_malloc = std::exchange(fake.failing_malloc, 0);
+    auto *link = static_cast<GList *>(__wrap_malloc(sizeof(GList)));
+    fake.failing_malloc = failing_malloc;
+    *link = {.data = data, .next = list, .prev = nullptr};
+    if (list != nullptr)
+        list->prev = link;
+    return link;
+}
+
+void __wrap_g_list_free_1(GList *link)
+{
+    __wrap_free(link);
+}
+
+void __wrap_g_list_free(GList *list)
+{
+    while (list != nullptr)
+        __wrap_free(std::exchange(list, list->next));
 }
 
 /* Like the C library's: frees each node and its canonical name, nothing else. */
@@ -248,12 +266,13 @@ pid_t __wrap_waitpid(pid_t pid, int *status, int)
         return 0;
     const int result = fake.waitpid_results.front();
     fake.waitpid_results.erase(fake.waitpid_results.begin());
-    errno = result < 0 ? -result : 0;
+    errno = result < 0 ? -result : errno; /* success leaves the last error */
     return result < 0 ? -1 : result == 0 ? 0 : pid;
 }
 
-int __wrap_select(int, fd_set *, fd_set *, fd_set *, struct timeval *interval)
+int __wrap_select(int count, fd_set *, fd_set *, fd_set *, struct timeval *interval)
 {
+    EXPECT_EQ(count, 0);
     EXPECT_EQ(interval->tv_sec, 0);
     EXPECT_EQ(interval->tv_usec, 25000);
     *interval = {};

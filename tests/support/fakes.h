@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,7 +19,7 @@ struct fake_world {
     std::vector<std::string> log; /* trace messages begin with their sink, H, B, F or P, and a blank */
 
     /* set by the test: what the fakes do and return */
-    long marker, fopen_fails, syserr, async_syserr, ret_syserr, resolver_result;
+    long marker = 1, fopen_fails, syserr, async_syserr, ret_syserr, resolver_result;
     long now = 1000;
     long failing_malloc; /* N: the N-th malloc() from now fails; 0: none */
     std::vector<unsigned char> ret_info;
@@ -27,30 +27,20 @@ struct fake_world {
     struct addrinfo *resolver_answer;
     std::vector<int> waitpid_results; /* one for each call, then always 0; negative: -errno */
 
-    std::set<void *> blocks; /* allocated and not yet freed */
+    std::map<void *, size_t> blocks; /* allocated and not yet freed, with their sizes */
     int waits, sleeps;
 };
 extern fake_world fake;
 
-/* Resets the fakes and the state of the library before each test, and fails a test that leaks memory. */
+/*
+ * Resets the fakes and the state of the library before each test, and fails a test that leaks memory. The debug log is
+ * open at first.
+ */
 class world_test : public testing::Test
 {
   protected:
     void SetUp() override;
     void TearDown() override;
 };
-
-/* Result record of host:port:vrf with these addresses. */
-server_spawnlet_data_t a_record(const std::string &host, int port, int vrf,
-                                const std::vector<std::string> &addresses);
-
-/* A copy in memory from malloc(), so that a list can own it. */
-template <typename T>
-T *on_heap(const T &value)
-{
-    auto *block = static_cast<T *>(malloc(sizeof(T)));
-    *block = value;
-    return block;
-}
 
 #endif

@@ -1,11 +1,14 @@
 /*
  * scenario_test.cpp: runs the *.scenario files of this folder, each named like the source file that it tests. A section
- * is a test: "## " and its title, then commands after "> ", each followed by what the library does: trace messages by
- * sink (H history, B debug, F log file, P standard output), platform calls, results after "= ". Line numbers and
- * addresses read "#", more than 20 equal characters "x*600", unprintable bytes "\x00"; equal lines are counted.
+ * is a test: "## " and its title, then commands after "> ", each followed by what the library does: jobs and other
+ * platform calls, and results after "= ". A command after ">> " shows trace messages, too, by sink (H history, B debug,
+ * F log file, P standard output; "HP": the same text in both); one with messages=FUNCTION shows those of a function.
+ * HOST:SERVICE:VRF says whom a command is about, NAME=VALUE sets a field or an argument. Line numbers and addresses read "#", more than 20 equal characters "x*600", unprintable bytes "\x00";
+ * equal lines are counted. `unit_tests --accept` writes what it saw into the files: read it before you keep it.
  */
 #include <arpa/inet.h>
 #include <errno.h>
+#include <glib.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <string.h>
@@ -14,8 +17,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <regex>
+#include <span>
 #include <sstream>
 #include <tuple>
 
@@ -23,14 +26,40 @@
 #include "dnscache/records/cache_key.h"
 #include "tests/support/fakes.h"
 
-using words = std::vector<std::string>;
-
 struct section {
     std::string file, title, text;
 };
 
+/* A command, its plain arguments, and its named ones. */
+struct command {
+    std::vector<std::string> words;
+    std::map<std::string, std::string> named;
+
+    explicit command(const std::string &line)
+    {
+        std::istringstream text(line);
+        for (std::string word; text >> word;) {
+            const size_t equals = word.find('=');
+            if (equals == std::string::npos)
+                words.push_back(word);
+            else
+                named[word.substr(0, equals)] = word.substr(equals + 1);
+        }
+    }
+    bool has(const char *name) const
+    {
+        return named.count(name) != 0;
+    }
+    long number(const char *name, long otherwise = 0) const
+    {
+        return has(name) ? std::stol(named.at(name)) : otherwise;
+    }
+};
+
 static server_spawnlet_data_t record; /* the record that commands set up and use */
 static struct addrinfo stale;         /* *res of a caller that did not clear it before the call */
+static bool is_accepting;
+static std::map<std::string, std::string> accepted; /* texts of files */
 
 /* Conversion from and to text */
 
@@ -45,6 +74,20 @@ static const char *text_of(const std::string &word)
     return word == "NULL" ? nullptr : word.c_str();
 }
 
+struct target {
+    std::string host, service;
+    int vrf;
+
+    /* HOST:SERVICE:VRF */
+    explicit target(const std::string &text)
+    {
+        const size_t last = text.rfind(':'), first = text.rfind(':', last - 1);
+        host = expand(text.substr(0, first));
+        service = expand(text.substr(first + 1, last - first - 1));
+        vrf = std::stoi(text.substr(last + 1));
+    }
+};
+
 static std::string escaped(char c)
 {
     if (isprint(static_cast<unsigned char>(c)))
@@ -56,10 +99,13 @@ static std::string escaped(char c)
 
 static std::string masked(const std::string &line)
 {
-    /* A message in the log file may repeat the place in its prefix. A different line number is not masked. */
-    static const std::regex same_place("^F ([a-z_0-9]+)\\(\\) : ([0-9]+) \\1\\(\\2\\)"),
-        prefix("^F ([a-z_0-9]+)\\(\\) : [0-9]+ "), place("^([HBP] [a-z_0-9]+)\\([0-9]+\\)"),
-        number("Line : [0-9]+"), address("(serv_ptr|server_addr_info|ret_info) (0x)?[0-9a-f]+");
+    /* Not masked: 0, the lines of messages from "somebody", and a place in a message that differs from its prefix. */
+    static const std::regex same_place(
+        "^([HBFP]+ (?!somebody)([a-z_0-9]+)\\(\\) : )([1-9][0-9]*) \\2\\(\\3\\)"),
+        prefix("^([HBFP]+ (?!somebody)[a-z_0-9]+\\(\\) : )[1-9][0-9]* "),
+        place("^([HBP]+ [a-z_0-9]+)\\([1-9][0-9]*\\)"),
+        number("(: (?!somebody)[a-z_0-9]+ [:,] Line : )[1-9][0-9]*"),
+        address("(serv_ptr|server_addr_info|ret_info) (0x)?0*[1-9a-f][0-9a-f]*");
     std::string text;
     for (size_t i = 0, end; i < line.size(); i = end) {
         end = std::min(line.find_first_not_of(line[i], i), line.size());
@@ -68,10 +114,10 @@ static std::string masked(const std::string &line)
             text += escaped(line[j]);
         text += is_long ? "*" + std::to_string(end - i) : "";
     }
-    text = std::regex_replace(text, same_place, "F $1() : # $1(#)");
-    text = std::regex_replace(text, prefix, "F $1() : # ");
+    text = std::regex_replace(text, same_place, "$1# $2(#)");
+    text = std::regex_replace(text, prefix, "$1# ");
     text = std::regex_replace(text, place, "$1(#)");
-    return std::regex_replace(std::regex_replace(text, number, "Line : #"), address, "$1 #");
+    return std::regex_replace(std::regex_replace(text, number, "$1#"), address, "$1 #");
 }
 
 static void result(const char *format, ...)
@@ -81,11 +127,6 @@ static void result(const char *format, ...)
     g_autofree char *text = g_strdup_vprintf(format, args);
     va_end(args);
     fake.log.push_back(std::string("= ") + text);
-}
-
-static int number(const std::string &word)
-{
-    return static_cast<int>(std::stol(word));
 }
 
 static std::string address_text(int family, const void *sa)
@@ -105,36 +146,32 @@ static void show_chain(int rc, struct addrinfo *chain)
         freeaddrinfo(chain);
 }
 
-static void show_list(const char *name, GList *list, const std::function<std::string(void *)> &show)
+/* The first three elements and the last. */
+static void show_list(const std::string &title, GList *list, const std::function<std::string(void *)> &show)
 {
     std::string text;
     for (GList *link = list; link != nullptr; link = link->next)
-        if (g_list_position(list, link) < 5 || link->next == nullptr)
+        if (g_list_position(list, link) < 3 || link->next == nullptr)
             text += " " + (link->data == nullptr ? "NULL" : show(link->data));
-    result("%s %u:%s", name, g_list_length(list), text.c_str());
+    if (list != nullptr)
+        fake.log.push_back("= " + std::to_string(g_list_length(list)) + " " + title + ":" + text);
 }
 
-static void show_state(const words &)
+static void show_state(const command &)
 {
-    show_list("cache", local_cache, [](void *data) {
+    show_list("cached", local_cache, [](void *data) {
         const auto *r = static_cast<server_spawnlet_data_t *>(data);
         return r->serv_id + ("/" + std::to_string(r->status)) + "@" + std::to_string(r->timestamp);
     });
-    show_list("jobs", job_list, [](void *data) {
+    show_list("jobs listed", job_list, [](void *data) {
         const auto *r = static_cast<server_addr_info *>(data);
-        return r->serv_name + std::string(":") + r->service + ":" + std::to_string(r->vrf) + "#" +
+        return r->serv_name + (std::string(":") + r->service) + ":" + std::to_string(r->vrf) + "#" +
                std::to_string(r->job_handle);
     });
-    struct sigaction sigchld;
-    sigaction(SIGCHLD, nullptr, &sigchld);
-    const bool is_default = sigchld.sa_handler == SIG_DFL, is_ignored = sigchld.sa_handler == SIG_IGN;
-    result("running %d, SIGCHLD %s", running_jobs,
-           is_default   ? "default"
-           : is_ignored ? "ignored"
-                        : "the host's");
+    result("%d running", running_jobs);
 }
 
-static void show_handed_back(const server_spawnlet_data_t &r)
+static void show_record(const server_spawnlet_data_t &r)
 {
     std::string entries;
     for (int i = 0; i < r.num_entries; i++)
@@ -148,143 +185,204 @@ static void show_handed_back(const server_spawnlet_data_t &r)
 
 /* Commands */
 
-#define SWITCH(world, name)                                                                                  \
+template <typename T>
+static std::span<char> bytes(T &field)
+{
+    return {reinterpret_cast<char *>(&field), sizeof field};
+}
+
+using field_table = std::map<std::string, std::span<char>>;
+
+static void set_fields(const command &c, const field_table &fields)
+{
+    for (const auto &[name, text] : c.named) {
+        const std::span<char> field = fields.at(name);
+        const bool is_number = field.size() <= sizeof(long);
+        const long value = is_number ? std::stol(text) : 0;
+        const std::string chars = expand(text);
+        memcpy(field.data(), is_number ? reinterpret_cast<const char *>(&value) : chars.c_str(),
+               is_number ? field.size() : std::min(chars.size() + 1, field.size()));
+    }
+}
+
+#define FIELD(record, name)                                                                                  \
     {                                                                                                        \
-#name, [](int n) { world.name = static_cast<decltype(world.name)>(n); }                              \
+#name, bytes(record.name)                                                                            \
     }
 
-static void set(const words &w)
+static void set(const command &c)
 {
-    static const std::map<std::string, std::function<void(int)>> switches = {
-        SWITCH(fake, marker),
-        SWITCH(fake, fopen_fails),
-        SWITCH(fake, syserr),
-        SWITCH(fake, async_syserr),
-        SWITCH(fake, ret_syserr),
-        SWITCH(fake, resolver_result),
-        SWITCH(fake, now),
-        SWITCH(fake, failing_malloc),
-        SWITCH(memory, partition),
-        SWITCH(memory, rtctx_fails),
-        SWITCH(memory, register_code),
-        SWITCH(memory, history_subtype),
-        SWITCH(memory, debug_flag),
-        {"running_jobs", [](int n) { running_jobs = n; }}};
+    static const field_table switches = {FIELD(fake, marker),
+                                         FIELD(fake, fopen_fails),
+                                         FIELD(fake, syserr),
+                                         FIELD(fake, async_syserr),
+                                         FIELD(fake, ret_syserr),
+                                         FIELD(fake, resolver_result),
+                                         FIELD(fake, now),
+                                         FIELD(fake, failing_malloc),
+                                         FIELD(memory, partition),
+                                         FIELD(memory, rtctx_fails),
+                                         FIELD(memory, register_code),
+                                         FIELD(memory, history_subtype),
+                                         FIELD(memory, debug_flag),
+                                         {"running_jobs", bytes(running_jobs)}};
     memory.history_class = 0x730000;
-    switches.at(w[1])(number(w[2]));
+    set_fields(c, switches);
 }
 
-#define FIELD(name)                                                                                          \
-    {                                                                                                        \
-#name,                                                                                               \
-        {                                                                                                    \
-            offsetof(server_spawnlet_data_t, name), sizeof record.name                                       \
-        }                                                                                                    \
+/* The result record of HOST:SERVICE:VRF with these addresses. */
+static server_spawnlet_data_t a_record(const std::string &whose, std::span<const std::string> addresses)
+{
+    server_spawnlet_data_t made = {.timestamp = 1000};
+    const target of(whose);
+    snprintf(made.serv_id, sizeof made.serv_id, "%s", whose.c_str());
+    snprintf(made.serv_name, sizeof made.serv_name, "%s", of.host.c_str());
+    snprintf(made.service, sizeof made.service, "%s", of.service.c_str());
+    made.vrf = of.vrf;
+    made.status = addresses.empty() ? ENTRY_EMPTY : ENTRY_RESOLVED;
+    for (const std::string &address : addresses) {
+        const int i = made.num_entries++;
+        struct sockaddr_in sin = {.sin_family = AF_INET};
+        struct sockaddr_in6 sin6 = {.sin6_family = AF_INET6};
+        const bool ipv4 = inet_pton(AF_INET, address.c_str(), &sin.sin_addr) == 1;
+        if (!ipv4) {
+            inet_pton(AF_INET6, address.c_str(), &sin6.sin6_addr);
+            memcpy(made.addr6[i], &sin6, sizeof sin6);
+        }
+        memcpy(made.addr[i], ipv4 ? static_cast<void *>(&sin) : &sin6, 16);
+        made.ai_hdr[i] = {.ai_family = ipv4 ? AF_INET : AF_INET6,
+                          .ai_socktype = SOCK_STREAM,
+                          .ai_addrlen = static_cast<uint32_t>(ipv4 ? sizeof sin : sizeof sin6)};
     }
-
-static void set_field(const words &w)
-{
-    static const std::map<std::string, std::pair<size_t, size_t>> fields = {
-        FIELD(serv_id),      FIELD(serv_name),       FIELD(service),
-        FIELD(canonname[0]), FIELD(num_entries),     FIELD(status),
-        FIELD(timestamp),    FIELD(hints.ai_family), FIELD(ai_hdr[0].ai_addrlen),
-        FIELD(addr[0][0])};
-    const auto [offset, size] = fields.at(w[1]);
-    const std::string text = expand(w[2]);
-    const bool is_number = size <= 4;
-    const int64_t value = is_number ? std::stoll(w[2]) : 0;
-    memcpy(reinterpret_cast<char *>(&record) + offset,
-           is_number ? reinterpret_cast<const char *>(&value) : text.c_str(),
-           is_number ? size : std::min(text.size() + 1, size));
+    return made;
 }
 
-static void make_record(const words &w)
+static void make_record(const command &c)
 {
-    record = a_record(w[1], number(w[2]), number(w[3]), {w.begin() + 4, w.end()});
-    record.timestamp = 1000;
+    static const field_table fields = {FIELD(record, serv_id),
+                                       FIELD(record, serv_name),
+                                       FIELD(record, service),
+                                       FIELD(record, num_entries),
+                                       FIELD(record, status),
+                                       FIELD(record, timestamp),
+                                       FIELD(record, hints.ai_flags),
+                                       FIELD(record, hints.ai_family),
+                                       FIELD(record, canonname[0]),
+                                       FIELD(record, ai_hdr[0].ai_flags),
+                                       FIELD(record, ai_hdr[0].ai_socktype),
+                                       FIELD(record, ai_hdr[0].ai_protocol),
+                                       FIELD(record, ai_hdr[0].ai_addrlen),
+                                       FIELD(record, addr[0][0])};
+    if (c.words.size() > 1)
+        record = a_record(c.words[1], std::span(c.words).subspan(2));
+    set_fields(c, fields);
 }
 
-static void make_answer(const words &w)
+/* A copy in memory from malloc(), so that a list can own it. */
+template <typename T>
+static T *on_heap(const T &value)
 {
-    const auto *bytes = reinterpret_cast<const unsigned char *>(&record);
-    fake.ret_info.assign(bytes, bytes + sizeof record);
-    fake.ret_info.resize(w.size() > 1 ? std::stoul(w[1]) : sizeof record);
-    fake.loses_buffer = w.size() > 2;
+    return static_cast<T *>(memcpy(malloc(sizeof value), &value, sizeof value));
+}
+
+static void cache_record(const command &c)
+{
+    const bool is_null = c.words.size() > 1 && c.words[1] == "NULL";
+    if (!is_null)
+        make_record(c);
+    local_cache = g_list_prepend(local_cache, is_null ? nullptr : on_heap(record));
 }
 
 /* Adds copies of the current record with the keys host0, host1, ... */
-static void fill_cache(const words &w)
+static void fill_cache(const command &c)
 {
-    for (int i = 0; i < number(w[1]); i++) {
+    for (int i = 0; i < std::stoi(c.words[1]); i++) {
         server_spawnlet_data_t *copy = on_heap(record);
         snprintf(copy->serv_id, sizeof copy->serv_id, "host%d", i);
         local_cache = g_list_prepend(local_cache, copy);
     }
 }
 
-static void add_job(const words &w)
+/* A child hands the current record back, or part of it. */
+static void make_answer(const command &c)
+{
+    fake.ret_info.assign(bytes(record).begin(), bytes(record).end());
+    fake.ret_info.resize(static_cast<size_t>(c.number("size", sizeof record)));
+    fake.loses_buffer = c.has("buffer");
+}
+
+static void add_job(const command &c)
 {
     server_addr_info job;
-    server_addr_init(w[1].c_str(), w[2].c_str(), nullptr, number(w[3]), &job);
-    job.job_handle = static_cast<uint32_t>(std::stoul(w[4]));
+    const target to(c.words[1]);
+    server_addr_init(to.host.c_str(), to.service.c_str(), nullptr, to.vrf, &job);
+    job.job_handle = static_cast<uint32_t>(c.number("handle"));
     job_list = g_list_prepend(job_list, on_heap(job));
     running_jobs++;
 }
 
-static void prepend_job(const words &w)
+static void prepend_job(const command &c)
 {
-    job_list = g_list_check_and_prepend(&job_list, on_heap(server_addr_info{}), number(w[1]));
+    job_list =
+        g_list_check_and_prepend(&job_list, on_heap(server_addr_info{}), static_cast<int>(c.number("limit")));
 }
 
-static void look_up(const words &w)
+static void look_up(const command &c)
 {
     const struct addrinfo hints = {.ai_family = AF_INET6};
-    struct addrinfo *chain = w.size() > 4 ? &stale : nullptr;
-    const int rc = getaddrinfo_async_mq3(text_of(w[1]), text_of(w[2]), w[3] == "NULL" ? nullptr : &hints,
-                                         w[3] == "NULL" ? 0 : number(w[3]), &chain);
+    struct addrinfo *chain = c.has("res") ? &stale : nullptr;
+    const target to(c.words[1]);
+    const int rc = getaddrinfo_async_mq3(text_of(to.host), text_of(to.service),
+                                         c.has("hints") ? nullptr : &hints, to.vrf, &chain);
     show_chain(rc, chain);
 }
 
-static void complete(const words &w)
+static void add_entry(const command &c)
 {
-    const bool is_null = w.size() > 4 && w[4] == "NULL";
-    std::vector<unsigned char> buffer(w.size() > 4 && !is_null ? std::stoul(w[4]) : sizeof record);
-    memcpy(buffer.data(), &record, std::min(buffer.size(), sizeof record));
-    dnscache_spawnletcb_job_done(static_cast<uint32_t>(number(w[1])), static_cast<uint32_t>(number(w[2])),
-                                 is_null ? nullptr : buffer.data(), static_cast<uint32_t>(buffer.size()),
-                                 number(w[3]));
+    const target to(c.words[1]);
+    result("%d", add_entry_to_dns_cache(text_of(to.host), std::stoi(to.service), to.vrf, nullptr));
 }
 
-static void check_cache(const words &w)
+static void complete(const command &c)
 {
-    const std::string key = expand(w[1]);
-    struct addrinfo *chain = w.size() > 2 ? &stale : nullptr;
+    std::vector<char> buffer(static_cast<size_t>(c.number("size", sizeof record)));
+    memcpy(buffer.data(), &record, std::min(buffer.size(), sizeof record));
+    dnscache_spawnletcb_job_done(
+        static_cast<uint32_t>(c.number("handle")), static_cast<uint32_t>(c.number("code")),
+        c.has("buffer") ? nullptr : buffer.data(), static_cast<uint32_t>(buffer.size()),
+        static_cast<int32_t>(c.number("result")));
+}
+
+static void check_cache(const command &c)
+{
+    const std::string key = expand(c.words[1]);
+    struct addrinfo *chain = c.has("res") ? &stale : nullptr;
     const int rc = check_local_cache(local_cache, text_of(key), &chain);
     show_chain(rc, chain);
 }
 
 /* Overwrites the record before it reads the chain, which must own everything that it points to. */
-static void decode(const words &w)
+static void decode(const command &c)
 {
     struct addrinfo *chain = &stale;
-    const int rc = get_res_back(w.size() > 1 ? nullptr : &record, &chain);
+    const int rc = get_res_back(c.has("record") ? nullptr : &record, &chain);
     memset(&record, 0xee, sizeof record);
     show_chain(rc, chain);
 }
 
 /* Sets the resolver's answer, a chain as the C library builds it: resolver ADDRESS[/LENGTH][/NAME]... */
-static void script_resolver(const words &w)
+static void script_resolver(const command &c)
 {
     struct addrinfo **tail = &fake.resolver_answer;
-    for (size_t i = 1; i < w.size(); i++) {
-        std::istringstream parts(w[i]);
+    for (size_t i = 1; i < c.words.size(); i++) {
+        std::istringstream parts(c.words[i]);
         std::string address, length, name;
         std::getline(parts, address, '/') && std::getline(parts, length, '/') && std::getline(parts, name);
-        server_spawnlet_data_t one = a_record("x", 0, 0, {address});
+        server_spawnlet_data_t one = a_record("x:0:0", {&address, 1});
         get_res_back(&one, tail);
         if (!length.empty())
             (*tail)->ai_addrlen = static_cast<socklen_t>(std::stoul(length));
-        if (w[i].find('/') != w[i].rfind('/'))
+        if (c.words[i].find('/') != c.words[i].rfind('/'))
             (*tail)->ai_canonname =
                 strcpy(static_cast<char *>(malloc(expand(name).size() + 1)), expand(name).c_str());
         tail = &(*tail)->ai_next;
@@ -292,11 +390,12 @@ static void script_resolver(const words &w)
     fake.log.clear();
 }
 
-static void run_job(const words &w)
+static void run_job(const command &c)
 {
     const struct addrinfo hints = {.ai_family = AF_INET6};
+    const target to(c.words[1]);
     server_addr_info request;
-    server_addr_init(w[1].c_str(), w[2].c_str(), &hints, number(w[3]), &request);
+    server_addr_init(to.host.c_str(), to.service.c_str(), &hints, to.vrf, &request);
     void *ret_info = nullptr;
     uint32_t size = 0;
     int32_t ret_syserr = 0;
@@ -306,27 +405,31 @@ static void run_job(const words &w)
                      &ret_syserr, &options, nullptr, nullptr, nullptr);
     result("%d", ret_syserr);
     if (size == sizeof(server_spawnlet_data_t))
-        show_handed_back(*static_cast<server_spawnlet_data_t *>(ret_info));
+        show_record(*static_cast<server_spawnlet_data_t *>(ret_info));
 }
 
-static void wait_for_child(const words &w)
+/* wait RESULT...: what waitpid() returns, one after the other; "0*80" stands for 80 of them, -4 for errno 4. */
+static void wait_for_child(const command &c)
 {
-    for (size_t i = 2; i < w.size(); i++)
+    fake.waits = fake.sleeps = 0;
+    fake.waitpid_results.clear();
+    for (size_t i = 1; i < c.words.size(); i++)
         fake.waitpid_results.insert(fake.waitpid_results.end(),
-                                    w[i][1] == '*' ? std::stoul(w[i].substr(2)) : 1, number(w[i]));
-    dnscache_wait_for_child(number(w[1]));
+                                    c.words[i][1] == '*' ? std::stoul(c.words[i].substr(2)) : 1,
+                                    std::stoi(c.words[i]));
+    dnscache_wait_for_child(42);
     result("%d polls, %d sleeps", fake.waits, fake.sleeps);
 }
 
-static void find_address(const words &w)
+static void find_address(const command &c)
 {
     struct sockaddr sa = {};
-    sa.sa_family = static_cast<sa_family_t>(w[1] == "NULL" ? 0 : number(w[1]));
-    const auto *address = static_cast<const char *>(get_sock_in_addr(w[1] == "NULL" ? nullptr : &sa));
+    sa.sa_family = static_cast<sa_family_t>(c.number("family"));
+    const auto *address = static_cast<const char *>(get_sock_in_addr(c.has("family") ? &sa : nullptr));
     result("%ld", address == nullptr ? -1L : static_cast<long>(address - reinterpret_cast<char *>(&sa)));
 }
 
-static void display_address(const words &)
+static void display_address(const command &)
 {
     struct sockaddr sa = {};
     sa.sa_family = AF_INET;
@@ -335,137 +438,213 @@ static void display_address(const words &)
     display_sockaddr(&sa);
 }
 
-static void show_key(const words &w)
+static void show_key(const command &c)
 {
+    const target to(c.words[1]);
     char out[512];
     memset(out, 'x', sizeof out);
-    result("%s", create_hostcache_id(expand(w[1]).c_str(), number(w[2]), number(w[3]), out));
+    EXPECT_STREQ(create_hostcache_id(to.host.c_str(), std::stoi(to.service), to.vrf, out), out);
     fake.log.push_back("= " + std::string(out, sizeof out));
 }
 
-static void fill_request(const words &w)
+static void fill_request(const command &c)
 {
     struct addrinfo hints = {
         .ai_flags = 1, .ai_family = 10, .ai_socktype = 2, .ai_protocol = 17, .ai_addrlen = 5};
     hints.ai_next = &hints;
-    const std::string host = expand(w[1]), service = expand(w[2]);
+    const target to(c.words[1]);
     server_addr_info request;
     memset(&request, 'x', sizeof request);
-    const bool with_hints = w.size() > 4;
-    const int rc = server_addr_init(text_of(host), text_of(service), with_hints ? &hints : nullptr,
-                                    number(w[3]), &request);
+    const bool with_hints = c.words.size() > 2;
+    const int rc = server_addr_init(text_of(to.host), text_of(to.service), with_hints ? &hints : nullptr,
+                                    to.vrf, &request);
     dnscache_addrinfo_image expected = {1, 10, 2, 17, 5, 0, 0, 0};
     if (sizeof hints == sizeof expected)
         memcpy(&expected, &hints, sizeof expected);
     EXPECT_EQ(memcmp(&request.hints, &expected, sizeof expected) == 0, with_hints);
-    const auto *bytes = reinterpret_cast<const char *>(&request);
+    const auto *start = reinterpret_cast<const char *>(&request);
     fake.log.push_back("= " + std::to_string(rc) + " " +
-                       std::string(bytes, offsetof(server_addr_info, hints)));
+                       std::string(start, offsetof(server_addr_info, hints)));
     result("family %d vrf %d", request.hints.ai_family, request.vrf);
 }
 
-static void run_command(const words &w);
+static void run(command c);
 
 /* Runs a command with its k-th malloc() failing, for each k until none fails. A failure must not change state. */
-static void sweep(const words &w)
+static void sweep(command c)
 {
     const auto state = [] { return std::tuple(fake.blocks, local_cache, job_list, running_jobs); };
+    c.words.erase(c.words.begin());
+    std::vector<std::string> outcomes;
     for (int k = 1; k > 0; k++) {
         const auto before = state();
         fake.failing_malloc = k;
-        run_command({w.begin() + 1, w.end()});
+        run(c);
         if (fake.failing_malloc > 0)
             k = -1; /* no malloc() has failed: end the loop */
         fake.failing_malloc = 0;
-        fake.log.push_back(k < 0 ? "= untouched" : state() == before ? "= all as before" : "= STATE CHANGED");
-        std::erase_if(fake.log, [](const std::string &line) { return line[0] != '='; });
+        const char *change = k < 0 ? "no failure" : state() == before ? "all as before" : "STATE CHANGED";
+        const std::string last = fake.log.empty() ? "" : fake.log.back();
+        outcomes.push_back((last[0] == '=' ? last + ", " : "= ") + change);
+        fake.log.clear();
     }
+    fake.log = outcomes;
 }
 
-static void prepend_null(const words &)
+static void prepend_null(const command &)
 {
     result("%s", g_list_check_and_prepend(nullptr, &record, 1) == nullptr ? "NULL" : "a list");
     result("%s", g_list_check_and_prepend(&job_list, nullptr, 1) == job_list ? "same list" : "another list");
 }
 
-static void show_settings(const words &)
+static void show_settings(const command &)
 {
     result("blocking %d, cache %d, queue %u, initialised %d", blocking_timeout, cache_timeout, async_queue,
            cache_initialised);
 }
 
-static const std::map<std::string, std::function<void(const words &)>> commands = {
+static void show_sigchld(const command &)
+{
+    struct sigaction sigchld;
+    sigaction(SIGCHLD, nullptr, &sigchld);
+    result("%s", sigchld.sa_handler == SIG_DFL   ? "default"
+                 : sigchld.sa_handler == SIG_IGN ? "ignored"
+                                                 : "the host's");
+}
+
+static const std::map<std::string, std::function<void(const command &)>> commands = {
     {"set", set},
-    {"field", set_field},
     {"record", make_record},
-    {"cached", [](const words &) { local_cache = g_list_prepend(local_cache, on_heap(record)); }},
-    {"cached-null", [](const words &) { local_cache = g_list_prepend(local_cache, nullptr); }},
+    {"cached", cache_record},
     {"fill", fill_cache},
     {"job", add_job},
     {"answer", make_answer},
     {"resolver", script_resolver},
-    {"handler", [](const words &) { signal(SIGCHLD, [](int) {}); }},
+    {"handler", [](const command &) { signal(SIGCHLD, [](int) {}); }},
+    {"sigchld", show_sigchld},
     {"state", show_state},
+    {"newest",
+     [](const command &) { show_record(*static_cast<server_spawnlet_data_t *>(local_cache->data)); }},
     {"sweep", sweep},
     {"request", fill_request},
     {"key", show_key},
     {"lookup", look_up},
-    {"add",
-     [](const words &w) {
-         result("%d", add_entry_to_dns_cache(text_of(w[1]), number(w[2]), number(w[3]), nullptr));
-     }},
+    {"add", add_entry},
     {"complete", complete},
     {"check", check_cache},
     {"decode", decode},
-    {"refresh", [](const words &) { refresh_dns_cache(); }},
-    {"purge", [](const words &) { remove_old_entries_from_local_cache(); }},
-    {"remove", [](const words &w) { remove_entry_from_dns_cache(text_of(expand(w[1]))); }},
+    {"refresh", [](const command &) { refresh_dns_cache(); }},
+    {"purge", [](const command &) { remove_old_entries_from_local_cache(); }},
+    {"remove", [](const command &c) { remove_entry_from_dns_cache(text_of(expand(c.words[1]))); }},
     {"prepend", prepend_job},
     {"prepend-null", prepend_null},
     {"resolve", run_job},
-    {"display", [](const words &) { server_spawnlet_data_display(&record); }},
-    {"display-null", [](const words &) { display_ip_addrs(nullptr); }},
+    {"display", [](const command &) { server_spawnlet_data_display(&record); }},
+    {"display-null", [](const command &) { display_ip_addrs(nullptr); }},
     {"sockaddr", display_address},
     {"in_addr", find_address},
-    {"init", [](const words &w) { dns_cache_init(static_cast<uint32_t>(number(w[1])), number(w[2])); }},
+    {"init",
+     [](const command &c) {
+         dns_cache_init(static_cast<uint32_t>(c.number("queue")), static_cast<int>(c.number("timeout")));
+     }},
     {"settings", show_settings},
-    {"lifetime", [](const words &w) { dns_cache_set_timeout(number(w[1])); }},
+    {"lifetime", [](const command &c) { dns_cache_set_timeout(std::stoi(c.words[1])); }},
     {"wait", wait_for_child},
     {"trace",
-     [](const words &w) { dnscache_trace("somebody", 120, "two  blanks %d %s\n", 7, expand(w[1]).c_str()); }},
-    {"trace-zero", [](const words &) { dnscache_trace("somebody", 120, "ab%cd", 0); }},
-    {"trace-entry", [](const words &) { dnscache_trace_enter("somebody", 1); }},
-    {"trace-exit", [](const words &) { dnscache_trace_exit("somebody", 2); }},
-    {"log", [](const words &) { result("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name); }},
+     [](const command &c) {
+         dnscache_trace("somebody", 120, "two  blanks %d %s\n", 7, expand(c.words[1]).c_str());
+     }},
+    {"trace-zero", [](const command &) { dnscache_trace("somebody", 120, "ab%cd", 0); }},
+    {"trace-entry", [](const command &) { dnscache_trace_enter("somebody", 1); }},
+    {"trace-exit", [](const command &) { dnscache_trace_exit("somebody", 2); }},
+    {"close-log",
+     [](const command &) {
+         fclose(log_file);
+         log_file = nullptr;
+         fake.marker = 0;
+     }},
+    {"log", [](const command &) { result("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name); }},
 };
 
-static void run_command(const words &w)
+static void run(command c)
 {
-    commands.at(w[0])(w);
+    errno = EXDEV;
+    commands.at(c.words[0])(c);
+    /* Only exported calls keep errno. */
+    EXPECT_TRUE(errno == EXDEV || c.words[0].starts_with("trace")) << c.words[0];
 }
 
 /* Running the sections */
+
+/* A line of the log. Sinks that get the same message one after the other share a line: "HFP PLACE TEXT". */
+struct log_line {
+    std::string sinks, place, text;
+
+    explicit log_line(const std::string &line)
+    {
+        static const std::regex message("(F) (?:([a-z_0-9]+\\(\\) : [0-9]+ ))?"), plain("([HBP]) ");
+        std::smatch found;
+        const bool is_in_file = line[0] == 'F';
+        if (std::regex_search(line, found, is_in_file ? message : plain,
+                              std::regex_constants::match_continuous)) {
+            sinks = found[1];
+            place = is_in_file ? found[2].str() : "";
+        }
+        text = line.substr(sinks.empty() ? 0 : 2 + place.size());
+    }
+    bool takes(const log_line &next)
+    {
+        if (sinks.empty() || next.sinks.empty() || text != next.text ||
+            sinks.find(next.sinks) != std::string::npos)
+            return false;
+        sinks += next.sinks;
+        place += next.place;
+        return true;
+    }
+    std::string shown() const
+    {
+        return masked(sinks + (sinks.empty() ? "" : " ") + place + text);
+    }
+};
+
+/* fake.log, with equal lines counted, and with the messages of this function: "": none, "all": of all functions. */
+static std::string shown(const std::string &function)
+{
+    std::vector<log_line> lines;
+    for (const std::string &text : fake.log) {
+        const log_line line(text);
+        if (lines.empty() || !lines.back().takes(line))
+            lines.push_back(line);
+    }
+    std::erase_if(lines, [&function](const log_line &line) {
+        const bool is_detail = !line.sinks.empty() || line.text.starts_with("rtctx");
+        const bool is_of_function = !function.empty() && line.place.starts_with(function + "()");
+        return is_detail && !is_of_function && function != "all";
+    });
+    std::string text;
+    for (size_t i = 0, end; i < lines.size(); i = end) {
+        const std::string line = lines[i].shown();
+        for (end = i + 1; end < lines.size() && lines[end].shown() == line;)
+            end++;
+        text += line + (end - i > 1 ? " (" + std::to_string(end - i) + " times)\n" : "\n");
+    }
+    return text;
+}
 
 static std::string run_section(const section &section)
 {
     std::istringstream script(section.text);
     std::string line, transcript;
     while (std::getline(script, line)) {
-        if (!line.starts_with("> "))
+        const bool shows_all = line.starts_with(">> ");
+        if (!shows_all && !line.starts_with("> "))
             continue;
-        transcript += line + "\n";
-        std::istringstream text(line.substr(2));
-        words w;
-        for (std::string word; text >> word;)
-            w.push_back(word);
+        command c(line.substr(shows_all ? 3 : 2));
+        const std::string function = shows_all ? "all" : c.named["messages"];
+        c.named.erase("messages");
         fake.log.clear();
-        run_command(w);
-        for (size_t i = 0, end; i < fake.log.size(); i = end) {
-            for (end = i + 1; end < fake.log.size() && fake.log[end] == fake.log[i];)
-                end++;
-            transcript +=
-                masked(fake.log[i]) + (end - i > 1 ? " (" + std::to_string(end - i) + " times)\n" : "\n");
-        }
+        run(c);
+        transcript += line + "\n" + shown(function);
     }
     return transcript;
 }
@@ -484,8 +663,6 @@ static std::vector<section> all_sections()
                 sections.back().text += line + "\n";
         }
     }
-    std::sort(sections.begin(), sections.end(),
-              [](const section &a, const section &b) { return a.file + a.title < b.file + b.title; });
     return sections;
 }
 
@@ -497,7 +674,12 @@ class scenario : public world_test
     {
         record = {};
         ASSERT_NE(section.text.find("> "), std::string::npos);
-        EXPECT_EQ(run_section(section), section.text);
+        const std::string transcript = run_section(section);
+        std::string &file = accepted[section.file];
+        file += (file.empty() ? "## " : "\n## ") + section.title + "\n" + transcript;
+        if (is_accepting)
+            return;
+        EXPECT_EQ(transcript, section.text);
     }
 
   private:
@@ -524,6 +706,11 @@ int main(int argc, char **argv)
                               [section]() -> world_test * { return new scenario(section); });
     }
     testing::InitGoogleTest(&argc, argv);
+    is_accepting = argc == 2 && strcmp(argv[1], "--accept") == 0;
     testing::UnitTest::GetInstance()->listeners().Append(new failures_to_stderr);
-    return RUN_ALL_TESTS();
+    const int failed = RUN_ALL_TESTS();
+    for (const auto &[name, text] : accepted)
+        if (is_accepting && failed == 0)
+            std::ofstream(SCENARIOS "/" + name + ".scenario") << text;
+    return failed;
 }
