@@ -114,6 +114,7 @@ void world_test::SetUp()
     fake = {};
     memory_reset();
     memory.next_handle = 0x100;
+    memory.history_class = 0x730000;
     memory.jobs_never_end = 1;
     memory.on_start = start_job;
     memory.on_call = note_call;

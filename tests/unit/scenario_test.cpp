@@ -3,8 +3,9 @@
  * is a test: "## " and its title, then commands after "> ", each followed by what the library does: jobs and other
  * platform calls, and results after "= ". A command after ">> " shows trace messages, too, by sink (H history, B debug,
  * F log file, P standard output; "HP": the same text in both); one with messages=FUNCTION shows those of a function.
- * HOST:SERVICE:VRF says whom a command is about, NAME=VALUE sets a field or an argument. Line numbers and addresses read "#", more than 20 equal characters "x*600", unprintable bytes "\x00";
- * equal lines are counted. `unit_tests --accept` writes what it saw into the files: read it before you keep it.
+ * HOST:SERVICE:VRF says whom a command is about, NAME=VALUE sets a field or an argument. Line numbers and addresses
+ * read "#", more than 20 equal characters "x*600", unprintable bytes "\x00"; equal lines are counted.
+ * `unit_tests --accept` writes what it saw into the files: read it before you keep it.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -100,10 +101,8 @@ static std::string escaped(char c)
 static std::string masked(const std::string &line)
 {
     /* Not masked: 0, the lines of messages from "somebody", and a place in a message that differs from its prefix. */
-    static const std::regex same_place(
-        "^([HBFP]+ (?!somebody)([a-z_0-9]+)\\(\\) : )([1-9][0-9]*) \\2\\(\\3\\)"),
-        prefix("^([HBFP]+ (?!somebody)[a-z_0-9]+\\(\\) : )[1-9][0-9]* "),
-        place("^([HBP]+ [a-z_0-9]+)\\([1-9][0-9]*\\)"),
+    static const std::regex prefix(
+        "^([HFP]+ (?!somebody)([a-z_0-9]+)\\(\\) : )([1-9][0-9]*) (\\2\\(\\3\\))?"),
         number("(: (?!somebody)[a-z_0-9]+ [:,] Line : )[1-9][0-9]*"),
         address("(serv_ptr|server_addr_info|ret_info) (0x)?0*[1-9a-f][0-9a-f]*");
     std::string text;
@@ -114,9 +113,9 @@ static std::string masked(const std::string &line)
             text += escaped(line[j]);
         text += is_long ? "*" + std::to_string(end - i) : "";
     }
-    text = std::regex_replace(text, same_place, "$1# $2(#)");
-    text = std::regex_replace(text, prefix, "$1# ");
-    text = std::regex_replace(text, place, "$1(#)");
+    std::smatch found;
+    if (std::regex_search(text, found, prefix))
+        text = found.str(1) + "# " + (found[4].matched ? found.str(2) + "(#)" : "") + found.suffix().str();
     return std::regex_replace(std::regex_replace(text, number, "$1#"), address, "$1 #");
 }
 
@@ -168,7 +167,19 @@ static void show_state(const command &)
         return r->serv_name + (std::string(":") + r->service) + ":" + std::to_string(r->vrf) + "#" +
                std::to_string(r->job_handle);
     });
-    result("%d running", running_jobs);
+    if (running_jobs != static_cast<int>(g_list_length(job_list)))
+        result("%d running", running_jobs);
+    if (local_cache == nullptr && job_list == nullptr)
+        result("nothing listed");
+}
+
+static void show_sigchld(const command &)
+{
+    struct sigaction sigchld;
+    sigaction(SIGCHLD, nullptr, &sigchld);
+    result("%s", sigchld.sa_handler == SIG_DFL   ? "default"
+                 : sigchld.sa_handler == SIG_IGN ? "ignored"
+                                                 : "kept");
 }
 
 static void show_record(const server_spawnlet_data_t &r)
@@ -193,8 +204,33 @@ static std::span<char> bytes(T &field)
 
 using field_table = std::map<std::string, std::span<char>>;
 
-static void set_fields(const command &c, const field_table &fields)
+/* paths: the places as they are written; a field is named without the variable that it is in. */
+template <typename... Places>
+static field_table table_of(const std::string &paths, Places &...places)
 {
+    field_table fields;
+    std::istringstream text(paths + ",");
+    const auto add = [&](std::span<char> place) {
+        std::string path;
+        std::getline(text >> std::ws, path, ',');
+        fields[path.substr(path.find('.') + 1)] = place;
+    };
+    (add(bytes(places)), ...);
+    return fields;
+}
+
+#define TABLE_OF(...) table_of(#__VA_ARGS__, __VA_ARGS__)
+
+/* Sets every field that the command names. */
+static void set_fields(const command &c)
+{
+    static const field_table fields = TABLE_OF(
+        fake.marker, fake.fopen_fails, fake.syserr, fake.async_syserr, fake.ret_syserr, fake.resolver_result,
+        fake.now, fake.failing_malloc, memory.partition, memory.rtctx_fails, memory.register_code,
+        memory.history_subtype, memory.debug_flag, running_jobs, record.serv_id, record.serv_name,
+        record.service, record.num_entries, record.status, record.timestamp, record.hints.ai_flags,
+        record.hints.ai_family, record.canonname[0], record.ai_hdr[0].ai_flags, record.ai_hdr[0].ai_socktype,
+        record.ai_hdr[0].ai_protocol, record.ai_hdr[0].ai_addrlen, record.addr[0][0]);
     for (const auto &[name, text] : c.named) {
         const std::span<char> field = fields.at(name);
         const bool is_number = field.size() <= sizeof(long);
@@ -203,31 +239,6 @@ static void set_fields(const command &c, const field_table &fields)
         memcpy(field.data(), is_number ? reinterpret_cast<const char *>(&value) : chars.c_str(),
                is_number ? field.size() : std::min(chars.size() + 1, field.size()));
     }
-}
-
-#define FIELD(record, name)                                                                                  \
-    {                                                                                                        \
-#name, bytes(record.name)                                                                            \
-    }
-
-static void set(const command &c)
-{
-    static const field_table switches = {FIELD(fake, marker),
-                                         FIELD(fake, fopen_fails),
-                                         FIELD(fake, syserr),
-                                         FIELD(fake, async_syserr),
-                                         FIELD(fake, ret_syserr),
-                                         FIELD(fake, resolver_result),
-                                         FIELD(fake, now),
-                                         FIELD(fake, failing_malloc),
-                                         FIELD(memory, partition),
-                                         FIELD(memory, rtctx_fails),
-                                         FIELD(memory, register_code),
-                                         FIELD(memory, history_subtype),
-                                         FIELD(memory, debug_flag),
-                                         {"running_jobs", bytes(running_jobs)}};
-    memory.history_class = 0x730000;
-    set_fields(c, switches);
 }
 
 /* The result record of HOST:SERVICE:VRF with these addresses. */
@@ -259,23 +270,9 @@ static server_spawnlet_data_t a_record(const std::string &whose, std::span<const
 
 static void make_record(const command &c)
 {
-    static const field_table fields = {FIELD(record, serv_id),
-                                       FIELD(record, serv_name),
-                                       FIELD(record, service),
-                                       FIELD(record, num_entries),
-                                       FIELD(record, status),
-                                       FIELD(record, timestamp),
-                                       FIELD(record, hints.ai_flags),
-                                       FIELD(record, hints.ai_family),
-                                       FIELD(record, canonname[0]),
-                                       FIELD(record, ai_hdr[0].ai_flags),
-                                       FIELD(record, ai_hdr[0].ai_socktype),
-                                       FIELD(record, ai_hdr[0].ai_protocol),
-                                       FIELD(record, ai_hdr[0].ai_addrlen),
-                                       FIELD(record, addr[0][0])};
     if (c.words.size() > 1)
         record = a_record(c.words[1], std::span(c.words).subspan(2));
-    set_fields(c, fields);
+    set_fields(c);
 }
 
 /* A copy in memory from malloc(), so that a list can own it. */
@@ -503,17 +500,8 @@ static void show_settings(const command &)
            cache_initialised);
 }
 
-static void show_sigchld(const command &)
-{
-    struct sigaction sigchld;
-    sigaction(SIGCHLD, nullptr, &sigchld);
-    result("%s", sigchld.sa_handler == SIG_DFL   ? "default"
-                 : sigchld.sa_handler == SIG_IGN ? "ignored"
-                                                 : "the host's");
-}
-
 static const std::map<std::string, std::function<void(const command &)>> commands = {
-    {"set", set},
+    {"set", set_fields},
     {"record", make_record},
     {"cached", cache_record},
     {"fill", fill_cache},
@@ -521,8 +509,8 @@ static const std::map<std::string, std::function<void(const command &)>> command
     {"answer", make_answer},
     {"resolver", script_resolver},
     {"handler", [](const command &) { signal(SIGCHLD, [](int) {}); }},
-    {"sigchld", show_sigchld},
     {"state", show_state},
+    {"sigchld", show_sigchld},
     {"newest",
      [](const command &) { show_record(*static_cast<server_spawnlet_data_t *>(local_cache->data)); }},
     {"sweep", sweep},
@@ -582,15 +570,13 @@ struct log_line {
 
     explicit log_line(const std::string &line)
     {
-        static const std::regex message("(F) (?:([a-z_0-9]+\\(\\) : [0-9]+ ))?"), plain("([HBP]) ");
-        std::smatch found;
-        const bool is_in_file = line[0] == 'F';
-        if (std::regex_search(line, found, is_in_file ? message : plain,
-                              std::regex_constants::match_continuous)) {
-            sinks = found[1];
-            place = is_in_file ? found[2].str() : "";
+        const bool is_message = strchr("HBFP", line[0]) != nullptr && line[1] == ' ';
+        const size_t place_end = line[0] == 'F' ? line.find(' ', line.find(" : ") + 3) + 1 : 2;
+        if (is_message) {
+            sinks = line.substr(0, 1);
+            place = line.substr(2, place_end - 2);
         }
-        text = line.substr(sinks.empty() ? 0 : 2 + place.size());
+        text = line.substr(is_message ? place_end : 0);
     }
     bool takes(const log_line &next)
     {
