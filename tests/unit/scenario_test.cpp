@@ -2,7 +2,7 @@
  * scenario_test.cpp: runs the *.scenario files of this folder, each named like the source file that it tests. A section
  * is a test: "## " and its title, then commands after "> ", each followed by what the library does: jobs and other
  * platform calls, and results after "= ". A command after ">> " shows trace messages, too, by sink (H history, B debug,
- * F log file, P standard output; "HP": the same text in both); one with messages=FUNCTION shows those of a function.
+ * F log file, P standard output; "HP": the same text in both); one with messages=WORD shows those that contain WORD, such as a function's name.
  * HOST:SERVICE:VRF says whom a command is about, NAME=VALUE sets a field or an argument. Line numbers and addresses
  * read "#", more than 20 equal characters "x*600", unprintable bytes "\x00"; equal lines are counted.
  * `unit_tests --accept` writes what it saw into the files: read it before you keep it.
@@ -593,8 +593,8 @@ struct log_line {
     }
 };
 
-/* fake.log, with equal lines counted, and with the messages of this function: "": none, "all": of all functions. */
-static std::string shown(const std::string &function)
+/* fake.log, with equal lines counted, and with the messages that contain the word: "": none, "all": all. */
+static std::string shown(const std::string &word)
 {
     std::vector<log_line> lines;
     for (const std::string &text : fake.log) {
@@ -602,10 +602,10 @@ static std::string shown(const std::string &function)
         if (lines.empty() || !lines.back().takes(line))
             lines.push_back(line);
     }
-    std::erase_if(lines, [&function](const log_line &line) {
-        const bool is_detail = !line.sinks.empty() || line.text.starts_with("rtctx");
-        const bool is_of_function = !function.empty() && line.place.starts_with(function + "()");
-        return is_detail && !is_of_function && function != "all";
+    std::erase_if(lines, [&word](const log_line &line) {
+        const bool is_message = !line.sinks.empty(), is_detail = line.text.starts_with("rtctx");
+        const bool has_word = !word.empty() && (line.place + line.text).find(word) != std::string::npos;
+        return word != "all" && (is_detail || (is_message && !has_word));
     });
     std::string text;
     for (size_t i = 0, end; i < lines.size(); i = end) {
@@ -626,11 +626,11 @@ static std::string run_section(const section &section)
         if (!shows_all && !line.starts_with("> "))
             continue;
         command c(line.substr(shows_all ? 3 : 2));
-        const std::string function = shows_all ? "all" : c.named["messages"];
+        const std::string word = shows_all ? "all" : c.named["messages"];
         c.named.erase("messages");
         fake.log.clear();
         run(c);
-        transcript += line + "\n" + shown(function);
+        transcript += line + "\n" + shown(word);
     }
     return transcript;
 }
