@@ -1,86 +1,77 @@
 /*
- * wire.cpp: arbitrary bytes from a job's child to its parent. Three bytes of settings, then the stream; it is read at
- * once, in portions, with the size limit already reached, and sometimes sent as a hand-back through a real channel.
+ * wire.cpp: arbitrary bytes from a job's child to its parent. The first byte is the size of a portion minus one, the
+ * second says which malloc() fails, the stream follows. Read in portions of any size, it means what parse() says.
  */
-#include "platform/linux/spawnlet_wire.h"
-
-#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-
-#include "fuzz/input.h"
-#include "fuzz/platform.h"
+#include "fuzz/fuzz.h"
 #include "platform/linux/linux_platform.h"
+#include "platform/linux/spawnlet_wire.h"
 
-using bytes_view = std::span<const unsigned char>;
+struct meaning {
+    wire_state state;
+    uint32_t handback_size;
+    bytes_view handback; /* as much of it as has arrived */
+    int32_t result;
+};
 
-static wire_reader read_in_portions(bytes_view stream, size_t portion, unsigned failing_malloc)
+/* A second implementation of the reader, for a stream that has arrived completely. */
+static meaning parse(bytes_view stream, int failing)
 {
+    meaning found = {};
+    while (found.state == WIRE_READING && stream.size() >= sizeof(frame_header)) {
+        const auto [kind, size] = take<frame_header>(&stream);
+        const bytes_view payload = stream.first(std::min<size_t>(size, stream.size()));
+        stream = stream.subspan(payload.size());
+        if (kind == FRAME_RESULT && size == 4) {
+            found.state = payload.size() == 4 ? WIRE_DONE : WIRE_READING;
+            memcpy(&found.result, payload.data(), payload.size());
+        } else if (kind != FRAME_HANDBACK) {
+            found.state = WIRE_MALFORMED;
+        } else if (size > LINUX_HANDBACK_MAX) {
+            found = {.state = WIRE_TOO_LARGE};
+        } else if (size > 0 && --failing == 0) {
+            found = {.state = WIRE_NO_MEMORY};
+        } else {
+            found.handback_size = size;
+            found.handback = payload;
+        }
+    }
+    return found;
+}
+
+static void check_reader(bytes_view stream, size_t portion, int failing)
+{
+    const meaning wanted = parse(stream, failing);
     wire_reader reader = {};
-    platform.failing_malloc = failing_malloc;
+    failing_malloc = failing;
     for (size_t at = 0; at < stream.size(); at += portion)
         wire_feed(&reader, stream.subspan(at, std::min(portion, stream.size() - at)));
-    platform.failing_malloc = 0;
-    REQUIRE(reader.state >= WIRE_READING && reader.state <= WIRE_NO_MEMORY);
-    REQUIRE(reader.handback_size <= LINUX_HANDBACK_MAX);
+    failing_malloc = 0;
+    REQUIRE(reader.state == wanted.state);
+    REQUIRE(reader.state != WIRE_DONE || reader.result == wanted.result);
+    REQUIRE(reader.handback_size == wanted.handback_size);
     REQUIRE((reader.handback == nullptr) == (reader.handback_size == 0));
-    return reader;
-}
-
-static void check_same(const wire_reader &a, const wire_reader &b)
-{
-    REQUIRE(a.state == b.state && a.result == b.result && a.handback_size == b.handback_size);
-    /* Of an incomplete hand-back only the part that was received is initialized. */
-    const bool in_handback = a.state == WIRE_READING && a.header.kind == FRAME_HANDBACK && a.header_got == 8;
-    const size_t written = in_handback ? a.payload_got : a.handback_size;
-    REQUIRE(written == 0 || memcmp(a.handback, b.handback, written) == 0);
-}
-
-static void check_flood(bytes_view stream)
-{
-    wire_reader reader = {};
-    reader.total_got = uint64_t{16} * LINUX_HANDBACK_MAX;
-    REQUIRE(stream.empty() || wire_feed(&reader, stream) != WIRE_READING);
+    REQUIRE(std::equal(wanted.handback.begin(), wanted.handback.end(), reader.handback));
     wire_release(&reader);
 }
 
-/* The receiver gets what was sent. Sending to a closed peer returns an error, without SIGPIPE. */
-static void check_channel(bytes_view payload)
+/* Returns an error, without SIGPIPE. */
+static void send_to_closed_peer(bytes_view payload)
 {
     int ends[2];
     REQUIRE(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    wire_reader reader = {};
-    const int32_t result = 42;
-    REQUIRE(wire_receive(&reader, ends[1]) == WIRE_INPUT_NONE);
-    REQUIRE(wire_send(ends[0], FRAME_HANDBACK, payload) == 0);
-    REQUIRE(wire_send(ends[0], FRAME_RESULT, {reinterpret_cast<const unsigned char *>(&result), 4}) == 0);
-    while (reader.state == WIRE_READING)
-        REQUIRE(wire_receive(&reader, ends[1]) == WIRE_INPUT_BYTES);
-    REQUIRE(reader.state == WIRE_DONE && reader.result == result && reader.handback_size == payload.size());
-    REQUIRE(std::equal(payload.begin(), payload.end(), reader.handback));
-    wire_release(&reader);
-    close(ends[0]);
-    REQUIRE(wire_receive(&reader, ends[1]) == WIRE_INPUT_END);
-    REQUIRE(wire_send(ends[1], FRAME_HANDBACK, payload) == -1);
     close(ends[1]);
+    REQUIRE(wire_send(ends[0], FRAME_HANDBACK, payload) == -1);
+    close(ends[0]);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void run_input(bytes_view input)
 {
-    input in = {.at = data, .end = data + size, .generator = 0};
-    const size_t portion = size_t{1} + in.byte();
-    const unsigned failing_malloc = in.byte();
-    const bool through_channel = in.one_in(2);
-    const bytes_view stream(in.at, in.end);
-    wire_reader whole = read_in_portions(stream, stream.size(), failing_malloc);
-    wire_reader portions = read_in_portions(stream, portion, failing_malloc);
-    check_same(whole, portions);
-    wire_release(&whole);
-    wire_release(&portions);
-    check_flood(stream);
-    if (through_channel)
-        check_channel(stream);
-    return 0;
+    const size_t portion = size_t{1} + take<uint8_t>(&input);
+    const int failing = take<uint8_t>(&input);
+    for (const size_t size : {size_t{1}, portion, input.size()})
+        check_reader(input, size, failing);
+    send_to_closed_peer(input);
 }
