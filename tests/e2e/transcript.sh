@@ -10,6 +10,12 @@ export PROGRAM=$program RESOLVER=$resolver
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
+# The limits of descriptors in a transcript hold only if the caller leaves none open. Bash reads this script from 255.
+for fd in /proc/self/fd/*; do
+    fd=${fd##*/}
+    if [ "$fd" -gt 2 ] && [ "$fd" -ne 255 ]; then exec {fd}>&-; fi
+done
+
 lookup() {
     ASAN_OPTIONS="verify_asan_link_order=0:${ASAN_OPTIONS:-}" SCRIPT_DIR=. LD_PRELOAD=$resolver "$program" "$@"
 }
