@@ -21,7 +21,7 @@ lookup() {
 }
 
 show() {
-    cat -v | sed 's/"elapsed_us":[1-9][0-9]*/"elapsed_us":#/' | awk -v prefix="$1" '{ print prefix $0 }'
+    cat -v | sed 's/"elapsed_us":[1-9][0-9]\{0,8\},/"elapsed_us":#,/' | awk -v prefix="$1" '{ print prefix $0 }'
 }
 
 while IFS= read -r line; do
