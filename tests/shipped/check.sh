@@ -177,7 +177,7 @@ abi.gate | abi.accept)
 abi.golden)
     # Every build writes, byte for byte, the records that a 32-bit build wrote, and decodes them.
     cd "$work"
-    "$build/tests/shipped/golden"
+    "$build/tests/shipped/golden" > "$work/trace"
     for record in request options result; do
         cmp "$source/tests/abi/golden/$record.bin" "$record.bin"
     done
