@@ -1,7 +1,7 @@
 #!/bin/sh
 # check.sh CASE BUILD_DIR SOURCE_DIR: check what users get. CASE is the name of the test; abi.accept rewrites
-# tests/abi/*.abi instead. CC and CXX are the compilers with their flags; MEMORY_PLATFORM is the object file of the memory
-# platform, RESOLVER the library that is preloaded into the example hosts.
+# tests/abi/*.abi instead. CC and CXX are the compilers with their flags; MEMORY_PLATFORM is the object file of the
+# memory platform, RESOLVER the library that is preloaded into the example hosts.
 # shellcheck disable=SC2046,SC2086 # options are several words
 set -eu
 case=$1 build=$2 source=$3
@@ -13,7 +13,7 @@ packages=$source/build/packages
 root=$build/packages-root
 host=
 work=$(mktemp -d)
-trap '[ -z "$host" ] || kill "$host"; rm -rf "$work"' EXIT
+trap '[ -z "$host" ] || kill "$host" 2> /dev/null; rm -rf "$work"' EXIT
 export LC_ALL=C
 unset DESTDIR
 [ -n "${PKG_CONFIG_LIBDIR:-}" ] || unset PKG_CONFIG_LIBDIR PKG_CONFIG_SYSROOT_DIR
