@@ -1,11 +1,12 @@
 /*
  * scenario_test.cpp: runs the *.scenario files of this folder, each named like the source file that it tests. A section
  * is a test: "## " and its title, then commands after "> ", each followed by what the library does: jobs and other
- * platform calls, and results after "= ". A command after ">> " shows trace messages, too, by sink (H history, B debug,
- * F log file, P standard output; "HP": the same text in both); one with messages=WORD shows those that contain WORD, such as a function's name.
- * HOST:SERVICE:VRF says whom a command is about, NAME=VALUE sets a field or an argument. Line numbers and addresses
- * read "#", more than 20 equal characters "x*600", unprintable bytes "\x00"; equal lines are counted.
- * `unit_tests --accept` writes what it saw into the files: read it before you keep it.
+ * platform calls, and after "= " its results, and the cache and the job list if they have changed. A command after
+ * ">> " shows trace messages, too, by sink (H history, B debug, F log file, P standard output; "HP": the same text in
+ * both); one with messages=WORD shows those that contain WORD, such as the name of a function. HOST:SERVICE:VRF says
+ * whom a command is about, NAME=VALUE sets a field or an argument. Line numbers and addresses read "#", more than 20
+ * equal characters "x*600", unprintable bytes "\x00"; equal lines are counted. `unit_tests --accept` writes what it saw
+ * into the files: read it before you keep it.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -146,40 +147,38 @@ static void show_chain(int rc, struct addrinfo *chain)
 }
 
 /* The first three elements and the last. */
-static void show_list(const std::string &title, GList *list, const std::function<std::string(void *)> &show)
+static std::string list_text(GList *list, const std::function<std::string(void *)> &show)
 {
     std::string text;
     for (GList *link = list; link != nullptr; link = link->next)
         if (g_list_position(list, link) < 3 || link->next == nullptr)
             text += " " + (link->data == nullptr ? "NULL" : show(link->data));
-    if (list != nullptr)
-        fake.log.push_back("= " + std::to_string(g_list_length(list)) + " " + title + ":" + text);
+    return std::to_string(g_list_length(list)) + text;
 }
 
-static void show_state(const command &)
+static std::string cache_state()
 {
-    show_list("cached", local_cache, [](void *data) {
-        const auto *r = static_cast<server_spawnlet_data_t *>(data);
-        return r->serv_id + ("/" + std::to_string(r->status)) + "@" + std::to_string(r->timestamp);
-    });
-    show_list("jobs listed", job_list, [](void *data) {
+    return "cache: " + list_text(local_cache, [](void *data) {
+               const auto *r = static_cast<server_spawnlet_data_t *>(data);
+               return r->serv_id + ("/" + std::to_string(r->status)) + "@" + std::to_string(r->timestamp);
+           });
+}
+
+static std::string jobs_state()
+{
+    const std::string listed = list_text(job_list, [](void *data) {
         const auto *r = static_cast<server_addr_info *>(data);
         return r->serv_name + (std::string(":") + r->service) + ":" + std::to_string(r->vrf) + "#" +
                std::to_string(r->job_handle);
     });
-    if (running_jobs != static_cast<int>(g_list_length(job_list)))
-        result("%d running", running_jobs);
-    if (local_cache == nullptr && job_list == nullptr)
-        result("nothing listed");
+    return "jobs: " + std::to_string(running_jobs) + " running, " + listed;
 }
 
-static void show_sigchld(const command &)
+static std::string sigchld_state()
 {
     struct sigaction sigchld;
     sigaction(SIGCHLD, nullptr, &sigchld);
-    result("%s", sigchld.sa_handler == SIG_DFL   ? "default"
-                 : sigchld.sa_handler == SIG_IGN ? "ignored"
-                                                 : "kept");
+    return sigchld.sa_handler == SIG_DFL ? "SIGCHLD: default" : "SIGCHLD: ignored";
 }
 
 static void show_record(const server_spawnlet_data_t &r)
@@ -470,7 +469,7 @@ static void run(command c);
 /* Runs a command with its k-th malloc() failing, for each k until none fails. A failure must not change state. */
 static void sweep(command c)
 {
-    const auto state = [] { return std::tuple(fake.blocks, local_cache, job_list, running_jobs); };
+    const auto state = [] { return std::tuple(fake.blocks, cache_state(), jobs_state()); };
     c.words.erase(c.words.begin());
     std::vector<std::string> outcomes;
     for (int k = 1; k > 0; k++) {
@@ -500,7 +499,9 @@ static void show_settings(const command &)
            cache_initialised);
 }
 
-static const std::map<std::string, std::function<void(const command &)>> commands = {
+using command_map = std::map<std::string, std::function<void(const command &)>>;
+
+static const command_map preparations = {
     {"set", set_fields},
     {"record", make_record},
     {"cached", cache_record},
@@ -508,9 +509,15 @@ static const std::map<std::string, std::function<void(const command &)>> command
     {"job", add_job},
     {"answer", make_answer},
     {"resolver", script_resolver},
-    {"handler", [](const command &) { signal(SIGCHLD, [](int) {}); }},
-    {"state", show_state},
-    {"sigchld", show_sigchld},
+    {"close-log",
+     [](const command &) {
+         fclose(log_file);
+         log_file = nullptr;
+         fake.marker = 0;
+     }},
+};
+
+static const command_map calls = {
     {"newest",
      [](const command &) { show_record(*static_cast<server_spawnlet_data_t *>(local_cache->data)); }},
     {"sweep", sweep},
@@ -545,19 +552,15 @@ static const std::map<std::string, std::function<void(const command &)>> command
     {"trace-zero", [](const command &) { dnscache_trace("somebody", 120, "ab%cd", 0); }},
     {"trace-entry", [](const command &) { dnscache_trace_enter("somebody", 1); }},
     {"trace-exit", [](const command &) { dnscache_trace_exit("somebody", 2); }},
-    {"close-log",
-     [](const command &) {
-         fclose(log_file);
-         log_file = nullptr;
-         fake.marker = 0;
-     }},
     {"log", [](const command &) { result("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name); }},
 };
 
 static void run(command c)
 {
+    if (preparations.count(c.words[0]) != 0)
+        return preparations.at(c.words[0])(c);
     errno = EXDEV;
-    commands.at(c.words[0])(c);
+    calls.at(c.words[0])(c);
     /* Only exported calls keep errno. */
     EXPECT_TRUE(errno == EXDEV || c.words[0].starts_with("trace")) << c.words[0];
 }
@@ -629,7 +632,15 @@ static std::string run_section(const section &section)
         const std::string word = shows_all ? "all" : c.named["messages"];
         c.named.erase("messages");
         fake.log.clear();
+        const bool is_call = calls.count(c.words[0]) != 0;
+        const std::string cache = cache_state(), jobs = jobs_state(), sigchld = sigchld_state();
         run(c);
+        if (is_call && cache_state() != cache)
+            result("%s", cache_state().c_str());
+        if (is_call && jobs_state() != jobs)
+            result("%s", jobs_state().c_str());
+        if (shows_all && sigchld_state() != sigchld)
+            result("%s", sigchld_state().c_str());
         transcript += line + "\n" + shown(word);
     }
     return transcript;
