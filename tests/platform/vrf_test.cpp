@@ -1,4 +1,7 @@
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 
@@ -40,7 +43,31 @@ TEST(VrfNscd, ForgetsOnlySharedTables)
         for (const char *other : others)
             if (other == nullptr || strcmp(other, "answers") != 0)
                 return false;
-        return true;
+        /* A failure is reported: a job must not get answers from the tables that remain. */
+        const struct rlimit none = {0, 0};
+        map_file(top + "/nscd", MAP_SHARED);
+        const bool is_mapped_over = setrlimit(RLIMIT_AS, &none) != 0 || vrf_forget_nscd() != ENOMEM;
+        return !is_mapped_over && setrlimit(RLIMIT_NOFILE, &none) == 0 && vrf_forget_nscd() == EMFILE;
     }));
     std::filesystem::remove_all(top);
+}
+
+TEST(VrfList, LeaksNoDescriptor)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "mounting needs root";
+    EXPECT_TRUE(in_its_own_process([] {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", "/run", "tmpfs", 0, nullptr) != 0)
+            return false;
+        std::filesystem::create_directory(LINUX_VRF_NAMESPACES);
+        std::filesystem::create_symlink("/proc/self/ns/net", LINUX_VRF_NAMESPACES "/vrf5");
+        std::filesystem::create_symlink("/proc/self/ns/uts", LINUX_VRF_NAMESPACES "/vrf2147483647");
+        const size_t before = open_descriptors().size();
+        size_t count = 0;
+        const linux_vrf *list = linux_vrf_list(&count);
+        return count == 3 && list[1].vrf == 5 && list[1].kind == LINUX_VRF_NAMESPACE &&
+               list[2].vrf == INT32_MAX && list[2].kind == LINUX_VRF_UNUSABLE &&
+               open_descriptors().size() == before;
+    }));
 }
