@@ -17,65 +17,59 @@ static std::string next_text(uint64_t *cursor, linux_history_record *entry)
 }
 
 /* In its own process, because the history cannot be emptied. */
-static bool history_is_right()
-{
-    uint64_t cursor = 0;
-    linux_history_record entry;
-    EXPECT_NE(evtrack_hist_event_subtype_check(0x730000, 101), 0);
-    record("off");
-    EXPECT_EQ(linux_history_read(&cursor, &entry), 0);
-    EXPECT_EQ(linux_history_enable(1), 0);
-    EXPECT_EQ(evtrack_hist_event_subtype_check(0x730000, 101), 0);
-    record("parent");
-    EXPECT_EQ(run_job([](void *) { return record("child"), 0; }).code, 0u);
-    linux_history_enable(0);
-    record("off");
-    EXPECT_EQ(next_text(&cursor, &entry), "parent");
-    EXPECT_TRUE(entry.pid == getpid() && entry.length == 11 && entry.event_class == 0x730000);
-    EXPECT_EQ(next_text(&cursor, &entry), "child");
-    EXPECT_NE(entry.pid, getpid());
-    linux_history_enable(1);
-    for (int i = 3; i <= LINUX_HISTORY_RECORDS + 10; i++)
-        record(std::to_string(i));
-    for (uint64_t i = 11; i <= LINUX_HISTORY_RECORDS + 10; i++)
-        EXPECT_TRUE(next_text(&cursor, &entry) == std::to_string(i) && entry.sequence == i) << i;
-    EXPECT_EQ(linux_history_read(&cursor, &entry), 0);
-    record(std::string(600, 'x'));
-    EXPECT_EQ(next_text(&cursor, &entry), std::string(LINUX_HISTORY_BYTES - 5, 'x'));
-    EXPECT_EQ(entry.length, uint32_t{LINUX_HISTORY_BYTES});
-    return !testing::Test::HasFailure();
-}
-
 TEST(Evtrack, HistoryKeepsTheLatestRecordsOfAllProcesses)
 {
-    EXPECT_TRUE(in_its_own_process(history_is_right));
-}
-
-static bool debug_print_is_right()
-{
-    EXPECT_EQ(evtrack_chk_int(101, 0, 0, 1), 0);
-    linux_debug_enable(1);
-    EXPECT_NE(evtrack_chk_int(101, 0, 0, 1), 0);
-    int ends[2];
-    EXPECT_TRUE(pipe(ends) == 0 && dup2(ends[1], 2) == 2);
-    dbgemit(1, &evtrack_dbg_modname, 0, "%s", "one with an end\n");
-    dbgemit(1, &evtrack_dbg_modname, 0, "%d without", 2);
-    char text[100] = "";
-    EXPECT_GT(read(ends[0], text, sizeof text - 1), 0);
-    for (int i = 0; i < 10000; i++)
-        dbgemit(1, &evtrack_dbg_modname, 0, "more than a pipe holds");
-    close(ends[0]);
-    errno = 0;
-    dbgemit(1, &evtrack_dbg_modname, 0, "the pipe is closed");
-    EXPECT_EQ(errno, 0);
-    EXPECT_STREQ(text, "dnscache: one with an end\ndnscache: 2 without\n");
-    EXPECT_EQ(platmgr_partition_get(), 0u);
-    linux_partition_set(70000);
-    EXPECT_EQ(platmgr_partition_get(), 70000u);
-    return !testing::Test::HasFailure();
+    EXPECT_TRUE(in_its_own_process([] {
+        uint64_t cursor = 0;
+        linux_history_record entry;
+        EXPECT_NE(evtrack_hist_event_subtype_check(0x730000, 101), 0);
+        record("off");
+        EXPECT_EQ(linux_history_read(&cursor, &entry), 0);
+        EXPECT_EQ(linux_history_enable(1), 0);
+        EXPECT_EQ(evtrack_hist_event_subtype_check(0x730000, 101), 0);
+        record("parent");
+        EXPECT_EQ(run_job([](void *) { return record("child"), 0; }).code, 0u);
+        linux_history_enable(0);
+        record("off");
+        EXPECT_EQ(next_text(&cursor, &entry), "parent");
+        EXPECT_TRUE(entry.pid == getpid() && entry.length == 11 && entry.event_class == 0x730000);
+        EXPECT_EQ(next_text(&cursor, &entry), "child");
+        EXPECT_NE(entry.pid, getpid());
+        linux_history_enable(1);
+        for (int i = 3; i <= LINUX_HISTORY_RECORDS + 10; i++)
+            record(std::to_string(i));
+        for (uint64_t i = 11; i <= LINUX_HISTORY_RECORDS + 10; i++)
+            EXPECT_TRUE(next_text(&cursor, &entry) == std::to_string(i) && entry.sequence == i) << i;
+        EXPECT_EQ(linux_history_read(&cursor, &entry), 0);
+        record(std::string(600, 'x'));
+        EXPECT_EQ(next_text(&cursor, &entry), std::string(LINUX_HISTORY_BYTES - 5, 'x'));
+        EXPECT_EQ(entry.length, uint32_t{LINUX_HISTORY_BYTES});
+        return !testing::Test::HasFailure();
+    }));
 }
 
 TEST(Evtrack, DebugPrintWritesOneLinePerMessageAndNeverBlocks)
 {
-    EXPECT_TRUE(in_its_own_process(debug_print_is_right));
+    EXPECT_TRUE(in_its_own_process([] {
+        EXPECT_EQ(evtrack_chk_int(101, 0, 0, 1), 0);
+        linux_debug_enable(1);
+        EXPECT_NE(evtrack_chk_int(101, 0, 0, 1), 0);
+        int ends[2];
+        EXPECT_TRUE(pipe(ends) == 0 && dup2(ends[1], 2) == 2);
+        dbgemit(1, &evtrack_dbg_modname, 0, "%s", "one with an end\n");
+        dbgemit(1, &evtrack_dbg_modname, 0, "%d without", 2);
+        char text[100] = "";
+        EXPECT_GT(read(ends[0], text, sizeof text - 1), 0);
+        for (int i = 0; i < 10000; i++)
+            dbgemit(1, &evtrack_dbg_modname, 0, "more than a pipe holds");
+        close(ends[0]);
+        errno = 0;
+        dbgemit(1, &evtrack_dbg_modname, 0, "the pipe is closed");
+        EXPECT_EQ(errno, 0);
+        EXPECT_STREQ(text, "dnscache: one with an end\ndnscache: 2 without\n");
+        EXPECT_EQ(platmgr_partition_get(), 0u);
+        linux_partition_set(70000);
+        EXPECT_EQ(platmgr_partition_get(), 70000u);
+        return !testing::Test::HasFailure();
+    }));
 }
