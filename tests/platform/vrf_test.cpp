@@ -35,8 +35,8 @@ TEST(VrfNscd, ForgetsOnlySharedTables)
             mappings.emplace_back(map_file(folder + "/nscd", MAP_PRIVATE), "answers");
             mappings.emplace_back(map_file(folder + "/sdcn", MAP_SHARED), "answers");
         }
-        mappings.emplace_back(map_file(too_long, MAP_SHARED),
-                              "answers"); /* the last mapping is listed first */
+        /* The last mapping is listed first. */
+        mappings.emplace_back(map_file(too_long, MAP_SHARED), "answers");
         if (vrf_forget_nscd() != 0)
             return false;
         for (const auto &[mapping, text] : mappings)
