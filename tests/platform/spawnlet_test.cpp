@@ -45,6 +45,11 @@ TEST(Spawnlet, ReportsResultOrErrorOfTheChild)
         EXPECT_EQ(report.buffer.size(), way.size);
         EXPECT_TRUE(way.code != LINUX_JOB_TIMED_OUT || clock() - used < SPIN);
     }
+    /* A grandchild that keeps the channel open does not delay the code. */
+    const auto leave_one_behind = [](void *) {
+        return fork() == 0 ? static_cast<int>(alarm(15)) + pause() : raise(SIGKILL);
+    };
+    EXPECT_EQ(run_job(leave_one_behind, nullptr, 5).code, LINUX_JOB_NO_RESULT);
 }
 
 TEST(Spawnlet, RefusesBadArgumentsAndProcessesBeyondTheLimit)
