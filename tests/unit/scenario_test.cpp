@@ -32,7 +32,7 @@ struct section {
     std::string file, title, text;
 };
 
-/* A command, its plain arguments, and its named ones. */
+/* A command, its plain arguments, and its named ones, which has() and number() take out. */
 struct command {
     std::vector<std::string> words;
     std::map<std::string, std::string> named;
@@ -48,13 +48,14 @@ struct command {
                 named[word.substr(0, equals)] = word.substr(equals + 1);
         }
     }
-    bool has(const char *name) const
+    bool has(const char *name)
     {
-        return named.count(name) != 0;
+        return named.erase(name) != 0;
     }
-    long number(const char *name, long otherwise = 0) const
+    long number(const char *name, long otherwise = 0)
     {
-        return has(name) ? std::stol(named.at(name)) : otherwise;
+        const auto found = named.extract(name);
+        return found.empty() ? otherwise : std::stol(found.mapped());
     }
 };
 
@@ -267,6 +268,7 @@ static server_spawnlet_data_t a_record(const std::string &whose, std::span<const
     return made;
 }
 
+/* [HOST:SERVICE:VRF ADDRESS...] [FIELD=VALUE]...: the current record becomes another one, or changes. */
 static void make_record(const command &c)
 {
     if (c.words.size() > 1)
@@ -281,7 +283,7 @@ static T *on_heap(const T &value)
     return static_cast<T *>(memcpy(malloc(sizeof value), &value, sizeof value));
 }
 
-static void cache_record(const command &c)
+static void cache_record(command c)
 {
     const bool is_null = c.words.size() > 1 && c.words[1] == "NULL";
     if (!is_null)
@@ -289,25 +291,29 @@ static void cache_record(const command &c)
     local_cache = g_list_prepend(local_cache, is_null ? nullptr : on_heap(record));
 }
 
-/* Adds copies of the current record with the keys host0, host1, ... */
-static void fill_cache(const command &c)
+/* Adds copies of a record with the keys host0, host1, ... */
+static void fill_cache(command c)
 {
-    for (int i = 0; i < std::stoi(c.words[1]); i++) {
+    const long count = c.number("count");
+    make_record(c);
+    for (long i = 0; i < count; i++) {
         server_spawnlet_data_t *copy = on_heap(record);
-        snprintf(copy->serv_id, sizeof copy->serv_id, "host%d", i);
+        snprintf(copy->serv_id, sizeof copy->serv_id, "host%ld", i);
         local_cache = g_list_prepend(local_cache, copy);
     }
 }
 
 /* A child hands the current record back, or part of it. */
-static void make_answer(const command &c)
+static void make_answer(command c)
 {
-    fake.ret_info.assign(bytes(record).begin(), bytes(record).end());
-    fake.ret_info.resize(static_cast<size_t>(c.number("size", sizeof record)));
+    const long size = c.number("size", sizeof record);
     fake.loses_buffer = c.has("buffer");
+    make_record(c);
+    fake.ret_info.assign(bytes(record).begin(), bytes(record).end());
+    fake.ret_info.resize(static_cast<size_t>(size));
 }
 
-static void add_job(const command &c)
+static void add_job(command c)
 {
     server_addr_info job;
     const target to(c.words[1]);
@@ -317,13 +323,13 @@ static void add_job(const command &c)
     running_jobs++;
 }
 
-static void prepend_job(const command &c)
+static void prepend_job(command c)
 {
     job_list =
         g_list_check_and_prepend(&job_list, on_heap(server_addr_info{}), static_cast<int>(c.number("limit")));
 }
 
-static void look_up(const command &c)
+static void look_up(command c)
 {
     const struct addrinfo hints = {.ai_family = AF_INET6};
     struct addrinfo *chain = c.has("res") ? &stale : nullptr;
@@ -333,23 +339,26 @@ static void look_up(const command &c)
     show_chain(rc, chain);
 }
 
-static void add_entry(const command &c)
+static void add_entry(command c)
 {
     const target to(c.words[1]);
     result("%d", add_entry_to_dns_cache(text_of(to.host), std::stoi(to.service), to.vrf, nullptr));
 }
 
-static void complete(const command &c)
+static void complete(command c)
 {
-    std::vector<char> buffer(static_cast<size_t>(c.number("size", sizeof record)));
-    memcpy(buffer.data(), &record, std::min(buffer.size(), sizeof record));
-    dnscache_spawnletcb_job_done(
-        static_cast<uint32_t>(c.number("handle")), static_cast<uint32_t>(c.number("code")),
-        c.has("buffer") ? nullptr : buffer.data(), static_cast<uint32_t>(buffer.size()),
-        static_cast<int32_t>(c.number("result")));
+    const auto handle = static_cast<uint32_t>(c.number("handle")),
+               code = static_cast<uint32_t>(c.number("code"));
+    const auto size = static_cast<uint32_t>(c.number("size", sizeof record));
+    const auto returned = static_cast<int32_t>(c.number("result"));
+    std::vector<char> buffer(size);
+    const bool has_buffer = !c.has("buffer");
+    make_record(c);
+    memcpy(buffer.data(), &record, std::min<size_t>(size, sizeof record));
+    dnscache_spawnletcb_job_done(handle, code, has_buffer ? buffer.data() : nullptr, size, returned);
 }
 
-static void check_cache(const command &c)
+static void check_cache(command c)
 {
     const std::string key = expand(c.words[1]);
     struct addrinfo *chain = c.has("res") ? &stale : nullptr;
@@ -358,16 +367,18 @@ static void check_cache(const command &c)
 }
 
 /* Overwrites the record before it reads the chain, which must own everything that it points to. */
-static void decode(const command &c)
+static void decode(command c)
 {
     struct addrinfo *chain = &stale;
-    const int rc = get_res_back(c.has("record") ? nullptr : &record, &chain);
+    server_spawnlet_data_t *const decoded = c.has("record") ? nullptr : &record;
+    make_record(c);
+    const int rc = get_res_back(decoded, &chain);
     memset(&record, 0xee, sizeof record);
     show_chain(rc, chain);
 }
 
 /* Sets the resolver's answer, a chain as the C library builds it: resolver ADDRESS[/LENGTH][/NAME]... */
-static void script_resolver(const command &c)
+static void script_resolver(command c)
 {
     struct addrinfo **tail = &fake.resolver_answer;
     for (size_t i = 1; i < c.words.size(); i++) {
@@ -386,7 +397,7 @@ static void script_resolver(const command &c)
     fake.log.clear();
 }
 
-static void run_job(const command &c)
+static void run_job(command c)
 {
     const struct addrinfo hints = {.ai_family = AF_INET6};
     const target to(c.words[1]);
@@ -405,7 +416,7 @@ static void run_job(const command &c)
 }
 
 /* wait RESULT...: what waitpid() returns, one after the other; "0*80" stands for 80 of them, -4 for errno 4. */
-static void wait_for_child(const command &c)
+static void wait_for_child(command c)
 {
     fake.waits = fake.sleeps = 0;
     fake.waitpid_results.clear();
@@ -417,24 +428,22 @@ static void wait_for_child(const command &c)
     result("%d polls, %d sleeps", fake.waits, fake.sleeps);
 }
 
-static void find_address(const command &c)
+static void find_address(command c)
 {
     struct sockaddr sa = {};
-    sa.sa_family = static_cast<sa_family_t>(c.number("family"));
-    const auto *address = static_cast<const char *>(get_sock_in_addr(c.has("family") ? &sa : nullptr));
+    sa.sa_family = static_cast<sa_family_t>(c.number("family", -1));
+    const auto *address = static_cast<const char *>(get_sock_in_addr(c.words.size() > 1 ? nullptr : &sa));
     result("%ld", address == nullptr ? -1L : static_cast<long>(address - reinterpret_cast<char *>(&sa)));
 }
 
 static void display_address(const command &)
 {
-    struct sockaddr sa = {};
-    sa.sa_family = AF_INET;
-    sa.sa_data[0] = 'A';
-    sa.sa_data[13] = static_cast<char>(0xff);
+    struct sockaddr sa = {.sa_family = AF_INET, .sa_data = {}};
+    memcpy(sa.sa_data, "abcdefghijklm\xff", sizeof sa.sa_data);
     display_sockaddr(&sa);
 }
 
-static void show_key(const command &c)
+static void show_key(command c)
 {
     const target to(c.words[1]);
     char out[512];
@@ -443,7 +452,7 @@ static void show_key(const command &c)
     fake.log.push_back("= " + std::string(out, sizeof out));
 }
 
-static void fill_request(const command &c)
+static void fill_request(command c)
 {
     struct addrinfo hints = {
         .ai_flags = 1, .ai_family = 10, .ai_socktype = 2, .ai_protocol = 17, .ai_addrlen = 5};
@@ -534,12 +543,12 @@ static const command_map calls = {
     {"prepend", prepend_job},
     {"prepend-null", prepend_null},
     {"resolve", run_job},
-    {"display", [](const command &) { server_spawnlet_data_display(&record); }},
+    {"display", [](const command &c) { make_record(c), server_spawnlet_data_display(&record); }},
     {"display-null", [](const command &) { display_ip_addrs(nullptr); }},
     {"sockaddr", display_address},
     {"in_addr", find_address},
     {"init",
-     [](const command &c) {
+     [](command c) {
          dns_cache_init(static_cast<uint32_t>(c.number("queue")), static_cast<int>(c.number("timeout")));
      }},
     {"settings", show_settings},
