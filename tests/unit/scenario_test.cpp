@@ -121,77 +121,79 @@ static std::string masked(const std::string &line)
     return std::regex_replace(std::regex_replace(text, number, "$1#"), address, "$1 #");
 }
 
-static void result(const char *format, ...)
+[[gnu::format(printf, 1, 2)]] static std::string text(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    g_autofree char *text = g_strdup_vprintf(format, args);
+    g_autofree char *made = g_strdup_vprintf(format, args);
     va_end(args);
-    fake.log.push_back(std::string("= ") + text);
+    return made;
+}
+
+static void result(const std::string &line)
+{
+    fake.log.push_back("= " + line);
 }
 
 static std::string address_text(int family, const void *sa)
 {
-    char text[INET6_ADDRSTRLEN] = "";
-    return inet_ntop(family, static_cast<const char *>(sa) + (family == AF_INET ? 4 : 8), text, sizeof text);
+    char address[INET6_ADDRSTRLEN] = "";
+    return inet_ntop(family, static_cast<const char *>(sa) + (family == AF_INET ? 4 : 8), address,
+                     sizeof address);
 }
 
 static void show_chain(int rc, struct addrinfo *chain)
 {
-    std::string text = chain == &stale ? " stale" : chain == nullptr ? " NULL" : "";
+    std::string line = std::to_string(rc) + (chain == &stale ? " stale" : chain == nullptr ? " NULL" : "");
     for (struct addrinfo *ai = chain; ai != nullptr && ai != &stale; ai = ai->ai_next)
-        text += " " + address_text(ai->ai_family, ai->ai_addr) + "/" + std::to_string(ai->ai_addrlen) +
-                (ai->ai_canonname != nullptr ? std::string("/") + ai->ai_canonname : "");
-    result("%d%s", rc, text.c_str());
+        line +=
+            text(" %s/%u%s%s", address_text(ai->ai_family, ai->ai_addr).c_str(), ai->ai_addrlen,
+                 ai->ai_canonname != nullptr ? "/" : "", ai->ai_canonname != nullptr ? ai->ai_canonname : "");
+    result(line);
     if (chain != nullptr && chain != &stale)
         freeaddrinfo(chain);
 }
 
 /* The first three elements and the last. */
-static std::string list_text(GList *list, const std::function<std::string(void *)> &show)
+template <typename Record>
+static std::string list_text(GList *list, std::string (*show)(const Record *))
 {
-    std::string text;
+    std::string line = std::to_string(g_list_length(list));
     for (GList *link = list; link != nullptr; link = link->next)
         if (g_list_position(list, link) < 3 || link->next == nullptr)
-            text += " " + (link->data == nullptr ? "NULL" : show(link->data));
-    return std::to_string(g_list_length(list)) + text;
+            line += " " + (link->data == nullptr ? "NULL" : show(static_cast<const Record *>(link->data)));
+    return line;
 }
 
-static std::string cache_state()
+static std::string cached_text(const server_spawnlet_data_t *r)
 {
-    return "cache: " + list_text(local_cache, [](void *data) {
-               const auto *r = static_cast<server_spawnlet_data_t *>(data);
-               return r->serv_id + ("/" + std::to_string(r->status)) + "@" + std::to_string(r->timestamp);
-           });
+    return text("%s/%d@%d", r->serv_id, r->status, r->timestamp);
 }
 
-static std::string jobs_state()
+static std::string job_text(const server_addr_info *r)
 {
-    const std::string listed = list_text(job_list, [](void *data) {
-        const auto *r = static_cast<server_addr_info *>(data);
-        return r->serv_name + (std::string(":") + r->service) + ":" + std::to_string(r->vrf) + "#" +
-               std::to_string(r->job_handle);
-    });
-    return "jobs: " + std::to_string(running_jobs) + " running, " + listed;
+    return text("%s:%s:%d#%u", r->serv_name, r->service, r->vrf, r->job_handle);
 }
 
-static std::string sigchld_state()
+static std::vector<std::string> state()
 {
     struct sigaction sigchld;
     sigaction(SIGCHLD, nullptr, &sigchld);
-    return sigchld.sa_handler == SIG_DFL ? "SIGCHLD: default" : "SIGCHLD: ignored";
+    return {"cache: " + list_text(local_cache, cached_text),
+            "jobs: " + std::to_string(running_jobs) + " running, " + list_text(job_list, job_text),
+            sigchld.sa_handler == SIG_DFL ? "SIGCHLD: default" : "SIGCHLD: ignored"};
 }
 
 static void show_record(const server_spawnlet_data_t &r)
 {
-    std::string entries;
+    std::string line =
+        text("key %s name %s service %s vrf %d family %d status %d stamp %d entries %d", r.serv_id,
+             r.serv_name, r.service, r.vrf, r.hints.ai_family, r.status, r.timestamp, r.num_entries);
     for (int i = 0; i < r.num_entries; i++)
-        entries += "; " + std::to_string(r.ai_hdr[i].ai_family) + " " +
-                   std::to_string(r.ai_hdr[i].ai_addrlen) + " " + address_text(AF_INET, r.addr[i]) + " " +
-                   address_text(AF_INET6, r.addr6[i]) + " \"" + r.canonname[i] + "\"";
-    result("key %s name %s service %s vrf %d family %d status %d stamp %d entries %d%s", r.serv_id,
-           r.serv_name, r.service, r.vrf, r.hints.ai_family, r.status, r.timestamp, r.num_entries,
-           entries.c_str());
+        line += text("; %d %u %s %s \"%s\"", r.ai_hdr[i].ai_family, r.ai_hdr[i].ai_addrlen,
+                     address_text(AF_INET, r.addr[i]).c_str(), address_text(AF_INET6, r.addr6[i]).c_str(),
+                     r.canonname[i]);
+    result(line);
 }
 
 /* Commands */
@@ -342,7 +344,7 @@ static void look_up(command c)
 static void add_entry(command c)
 {
     const target to(c.words[1]);
-    result("%d", add_entry_to_dns_cache(text_of(to.host), std::stoi(to.service), to.vrf, nullptr));
+    result(text("%d", add_entry_to_dns_cache(text_of(to.host), std::stoi(to.service), to.vrf, nullptr)));
 }
 
 static void complete(command c)
@@ -410,7 +412,7 @@ static void run_job(command c)
     memory.on_start = nullptr; /* so that the body runs */
     spawnlet_fork_fp(reinterpret_cast<spawnlet_body_t>(resolve_server_hostname), &request, &ret_info, &size,
                      &ret_syserr, &options, nullptr, nullptr, nullptr);
-    result("%d", ret_syserr);
+    result(text("%d", ret_syserr));
     if (size == sizeof(server_spawnlet_data_t))
         show_record(*static_cast<server_spawnlet_data_t *>(ret_info));
 }
@@ -425,7 +427,7 @@ static void wait_for_child(command c)
                                     c.words[i][1] == '*' ? std::stoul(c.words[i].substr(2)) : 1,
                                     std::stoi(c.words[i]));
     dnscache_wait_for_child(42);
-    result("%d polls, %d sleeps", fake.waits, fake.sleeps);
+    result(text("%d polls, %d sleeps", fake.waits, fake.sleeps));
 }
 
 static void find_address(command c)
@@ -433,7 +435,8 @@ static void find_address(command c)
     struct sockaddr sa = {};
     sa.sa_family = static_cast<sa_family_t>(c.number("family", -1));
     const auto *address = static_cast<const char *>(get_sock_in_addr(c.words.size() > 1 ? nullptr : &sa));
-    result("%ld", address == nullptr ? -1L : static_cast<long>(address - reinterpret_cast<char *>(&sa)));
+    result(
+        text("%ld", address == nullptr ? -1L : static_cast<long>(address - reinterpret_cast<char *>(&sa))));
 }
 
 static void display_address(const command &)
@@ -470,7 +473,7 @@ static void fill_request(command c)
     const auto *start = reinterpret_cast<const char *>(&request);
     fake.log.push_back("= " + std::to_string(rc) + " " +
                        std::string(start, offsetof(server_addr_info, hints)));
-    result("family %d vrf %d", request.hints.ai_family, request.vrf);
+    result(text("family %d vrf %d", request.hints.ai_family, request.vrf));
 }
 
 static void run(command c);
@@ -478,17 +481,17 @@ static void run(command c);
 /* Runs a command with its k-th malloc() failing, for each k until none fails. A failure must not change state. */
 static void sweep(command c)
 {
-    const auto state = [] { return std::tuple(fake.blocks, cache_state(), jobs_state()); };
+    const auto lists = [] { return std::tuple(fake.blocks, local_cache, job_list, running_jobs); };
     c.words.erase(c.words.begin());
     std::vector<std::string> outcomes;
     for (int k = 1; k > 0; k++) {
-        const auto before = state();
+        const auto before = lists();
         fake.failing_malloc = k;
         run(c);
         if (fake.failing_malloc > 0)
             k = -1; /* no malloc() has failed: end the loop */
         fake.failing_malloc = 0;
-        const char *change = k < 0 ? "no failure" : state() == before ? "all as before" : "STATE CHANGED";
+        const char *change = k < 0 ? "no failure" : lists() == before ? "all as before" : "STATE CHANGED";
         const std::string last = fake.log.empty() ? "" : fake.log.back();
         outcomes.push_back((last[0] == '=' ? last + ", " : "= ") + change);
         fake.log.clear();
@@ -498,14 +501,15 @@ static void sweep(command c)
 
 static void prepend_null(const command &)
 {
-    result("%s", g_list_check_and_prepend(nullptr, &record, 1) == nullptr ? "NULL" : "a list");
-    result("%s", g_list_check_and_prepend(&job_list, nullptr, 1) == job_list ? "same list" : "another list");
+    result(text("%s", g_list_check_and_prepend(nullptr, &record, 1) == nullptr ? "NULL" : "a list"));
+    result(text("%s",
+                g_list_check_and_prepend(&job_list, nullptr, 1) == job_list ? "same list" : "another list"));
 }
 
 static void show_settings(const command &)
 {
-    result("blocking %d, cache %d, queue %u, initialised %d", blocking_timeout, cache_timeout, async_queue,
-           cache_initialised);
+    result(text("blocking %d, cache %d, queue %u, initialised %d", blocking_timeout, cache_timeout,
+                async_queue, cache_initialised));
 }
 
 using command_map = std::map<std::string, std::function<void(const command &)>>;
@@ -561,7 +565,8 @@ static const command_map calls = {
     {"trace-zero", [](const command &) { dnscache_trace("somebody", 120, "ab%cd", 0); }},
     {"trace-entry", [](const command &) { dnscache_trace_enter("somebody", 1); }},
     {"trace-exit", [](const command &) { dnscache_trace_exit("somebody", 2); }},
-    {"log", [](const command &) { result("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name); }},
+    {"log",
+     [](const command &) { result(text("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name)); }},
 };
 
 static void run(command c)
@@ -619,14 +624,14 @@ static std::string shown(const std::string &word)
         const bool has_word = !word.empty() && (line.place + line.text).find(word) != std::string::npos;
         return word != "all" && (is_detail || (is_message && !has_word));
     });
-    std::string text;
+    std::string all;
     for (size_t i = 0, end; i < lines.size(); i = end) {
         const std::string line = lines[i].shown();
         for (end = i + 1; end < lines.size() && lines[end].shown() == line;)
             end++;
-        text += line + (end - i > 1 ? " (" + std::to_string(end - i) + " times)\n" : "\n");
+        all += line + (end - i > 1 ? text(" (%zu times)\n", end - i) : "\n");
     }
-    return text;
+    return all;
 }
 
 static std::string run_section(const section &section)
@@ -641,15 +646,11 @@ static std::string run_section(const section &section)
         const std::string word = shows_all ? "all" : c.named["messages"];
         c.named.erase("messages");
         fake.log.clear();
-        const bool is_call = calls.count(c.words[0]) != 0;
-        const std::string cache = cache_state(), jobs = jobs_state(), sigchld = sigchld_state();
+        const std::vector<std::string> before = state();
         run(c);
-        if (is_call && cache_state() != cache)
-            result("%s", cache_state().c_str());
-        if (is_call && jobs_state() != jobs)
-            result("%s", jobs_state().c_str());
-        if (shows_all && sigchld_state() != sigchld)
-            result("%s", sigchld_state().c_str());
+        for (size_t i = 0; i < (shows_all ? 3 : 2) && calls.count(c.words[0]) != 0; i++)
+            if (state()[i] != before[i])
+                result(state()[i]);
         transcript += line + "\n" + shown(word);
     }
     return transcript;
