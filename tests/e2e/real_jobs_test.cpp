@@ -1,117 +1,344 @@
 /*
- * Outcomes of real jobs. A child that must be slow never answers.
+ * The library on the Linux platform layer, with real forks and the scripted resolver in the children: what it changes
+ * in the process that it is linked into, how real jobs end, and the debug log in a hostile environment.
  */
+#include <fcntl.h>
+#include <malloc.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <filesystem>
 #include <map>
+#include <set>
+#include <sstream>
 
-#include "tests/support/real_jobs.h"
+#include "dnscache/dnscache.h"
+#include "dnscache/state.h"
+#include "tests/support/jobs.h"
 
-extern "C" int __real_spawnlet_done(const void *buffer, uint32_t size);
+static uint32_t the_queue;
+static bool log_is_switched_on; /* in place of the marker file */
 
-extern "C" int __wrap_spawnlet_done(const void *buffer, uint32_t size)
+/* One second is the shortest blocking wait there is. A process can register only one queue: call this in a fork. */
+static void init()
 {
-    before_hand_back();
-    if (size != sizeof(server_spawnlet_data_t))
-        return __real_spawnlet_done(buffer, size);
-    char bytes[2000] = "";
-    memcpy(bytes, buffer, size);
-    const std::string name = static_cast<const server_spawnlet_data_t *>(buffer)->serv_name;
-    return __real_spawnlet_done(bytes, name == "short.test" ? 1675 : name == "long.test" ? 1677 : size);
+    the_queue = linux_queue_create();
+    dns_cache_init(the_queue, 1);
 }
 
-extern "C" decltype(spawnlet_fork_fp_async) __real_spawnlet_fork_fp_async;
-
-static const job_way *misbehaviour; /* of the next job, instead of resolving; may be nullptr */
-
-extern "C" uint32_t __wrap_spawnlet_fork_fp_async(spawnlet_body_t body, void *arg, int one,
-                                                  const job_options *options, FILE *in, FILE *out, FILE *err,
-                                                  uint32_t *handle)
+static int look_up(const char *name)
 {
-    if (misbehaviour == nullptr)
-        return __real_spawnlet_fork_fp_async(body, arg, one, options, in, out, err, handle);
-    const job_options own = options_for(misbehaviour->code == LINUX_JOB_TIMED_OUT ? 1 : 20);
-    return __real_spawnlet_fork_fp_async(misbehaviour->body, misbehaviour->arg, one, &own, in, out, err,
-                                         handle);
+    struct addrinfo hints = {}, *chain = nullptr;
+    const int result = getaddrinfo_async_mq3(name, "123", &hints, 0, &chain);
+    EXPECT_EQ(chain != nullptr, result == 0);
+    if (chain != nullptr)
+        freeaddrinfo(chain);
+    return result;
 }
 
-TEST_F(RealJobs, SlowNameIsAnsweredFromTheCacheAfterItsCompletion)
+/* Waits until at most that many children remain, and the job service has released what it held for the others. */
+static bool children_left(long count)
 {
-    EXPECT_EQ(look_up("late.test"), -3);
-    EXPECT_EQ(running_jobs, 1);
-    EXPECT_EQ(complete_one().ret_info_size, 1676u);
-    EXPECT_EQ(running_jobs, 0);
-    EXPECT_EQ(job_list, nullptr);
-    EXPECT_EQ(look_up("late.test"), 0);
-    linux_job_counters started;
-    linux_jobs_started(&started);
-    EXPECT_EQ(started.blocking, 1u);
+    return eventually([count] {
+        linux_completion none;
+        const bool is_reached = std::ranges::count(content_of("/proc/thread-self/children"), ' ') <= count;
+        linux_queue_next(the_queue, &none);
+        return is_reached;
+    });
 }
 
-TEST_F(RealJobs, FailedJobsCacheNothing)
+/* scripts/soak sets SOAK to 10 or more. */
+static int repetitions(int number)
 {
-    const struct {
-        const char *name;
-        int result;
-    } cases[] = {{"nosuch.test", EAI_NONAME},
-                 {"short.test", -1},
-                 {"long.test", -1},
-                 {"odd.test", -1},
-                 {"crash.test", -3}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(look_up(c.name), c.result) << c.name;
-        EXPECT_EQ(local_cache, nullptr) << c.name;
-    }
-    EXPECT_EQ(running_jobs, 1);
-    EXPECT_EQ(complete_one().syserr, LINUX_JOB_NO_RESULT);
-    EXPECT_EQ(add_entry_to_dns_cache("short.test", 123, 0, nullptr), 0);
-    EXPECT_EQ(complete_one().ret_info_size, 1675u);
-    EXPECT_EQ(local_cache, nullptr);
-    EXPECT_EQ(running_jobs, 0);
+    const char *soak = getenv("SOAK");
+    return soak != nullptr ? number * atoi(soak) : number / 5;
 }
 
-TEST_F(RealJobs, EleventhBackgroundJobIsRefused)
+extern "C" int __real_stat(const char *path, struct stat *status);
+extern "C" int __wrap_stat(const char *path, struct stat *status)
 {
-    for (int port = 0; port < 10; port++)
-        EXPECT_EQ(add_entry_to_dns_cache("stuck.test", port, 0, nullptr), 0);
-    EXPECT_EQ(add_entry_to_dns_cache("stuck.test", 10, 0, nullptr), -1);
-    EXPECT_EQ(look_up("stuck.test"), LINUX_JOB_TIMED_OUT); /* blocking jobs still start */
-    EXPECT_EQ(look_up("crash.test"), -1);
-    EXPECT_EQ(look_up("pair.test"), 0);
-    EXPECT_EQ(running_jobs, 10);
+    if (log_is_switched_on && strcmp(path, "/bootflash/.enable_dns_debugs") == 0)
+        return 0;
+    return __real_stat(path, status);
 }
 
-/* scripts/soak runs ten times as many jobs. */
-TEST_F(RealJobs, EachJobDeliversExactlyOneCompletion)
+static std::string own_log()
 {
-    const int jobs = 1000 * soak_factor();
-    const size_t descriptors = open_descriptors().size();
-    std::map<uint32_t, const job_way *> running;
-    linux_completion none;
-    pid_t copy = 0; /* a fork of the host, which shares its descriptors */
-    for (int started = 0, ended = 0; ended < jobs;) {
-        if (copy == 0 && ended > 10 && (copy = fork()) == 0)
-            _exit(pause());
-        for (; started < jobs && running.size() < MAX_SPAWNLETS; started++) {
-            signal(SIGCHLD, started / 100 % 2 == 0 ? SIG_DFL : SIG_IGN);
-            misbehaviour = &job_ways()[static_cast<size_t>(started) % job_ways().size()];
-            linux_job_counters counters;
-            ASSERT_EQ(add_entry_to_dns_cache(std::to_string(started).c_str(), 0, 0, nullptr), 0);
-            linux_jobs_started(&counters);
-            ASSERT_TRUE(running.emplace(counters.last_handle, misbehaviour).second);
+    linux_partition_set(static_cast<uint32_t>(getpid()));
+    return "/tmp/dnscache.log." + std::to_string(getpid() & 0xffff);
+}
+
+/*
+ * Hygiene: the rows that are measured here must equal those in docs/hygiene.md. A change of the signal mask or of the
+ * umask would appear in the column "signals".
+ */
+
+using contents = std::set<std::string>;
+using snapshot = std::array<contents, 4>;
+
+static snapshot take_snapshot(int error)
+{
+    contents state, descriptors;
+    std::istringstream status(content_of("/proc/self/status"));
+    for (std::string line; std::getline(status, line);)
+        if (strstr("SigBlk SigIgn SigCgt Umask", line.substr(0, line.find(':')).c_str()) != nullptr)
+            state.insert(line);
+    struct sigaction action;
+    sigaction(SIGCHLD, nullptr, &action);
+    if (action.sa_handler == SIG_IGN &&
+        std::erase_if(state, [](auto &line) { return line.starts_with("SigIgn"); }))
+        state.insert("SIGCHLD ignored");
+    for (const int fd : open_descriptors())
+        descriptors.insert(((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0 ? "without close-on-exec: " : "") +
+                           std::to_string(fd) +
+                           std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+    std::ifstream children("/proc/thread-self/children");
+    return {state, descriptors, {std::istream_iterator<std::string>(children), {}}, {std::to_string(error)}};
+}
+
+static std::string difference(const contents &before, const contents &after)
+{
+    contents more, fewer;
+    std::ranges::set_difference(after, before, std::inserter(more, more.end()));
+    std::ranges::set_difference(before, after, std::inserter(fewer, fewer.end()));
+    if (more.empty() && fewer.empty())
+        return "-";
+    if (!more.empty() && isalpha(more.rbegin()->front()))
+        return *more.rbegin();
+    return (more.empty() ? "" : "+" + std::to_string(more.size())) +
+           (fewer.empty() ? "" : "-" + std::to_string(fewer.size()));
+}
+
+static void cache_one()
+{
+    init();
+    look_up("pair.test");
+    signal(SIGCHLD, SIG_DFL);
+}
+
+static struct addrinfo hints, *chain;
+static server_spawnlet_data_t record;
+static server_addr_info request = {.serv_name = "nosuch.test"};
+static linux_completion completion;
+static size_t count;
+
+static const struct row {
+    const char *call;
+    void (*make)();
+    void (*prepare)() = init;
+    long children_after = 0;
+} rows[] = {
+    {"getaddrinfo_async_mq3: a hit", [] { look_up("pair.test"); }, cache_one},
+    {"getaddrinfo_async_mq3: a miss", [] { look_up("pair.test"); }},
+    {"getaddrinfo_async_mq3: -3, while the job runs", [] { look_up("stuck.test"); }, init, 1},
+    {"dns_cache_init", [] { dns_cache_init(the_queue, 1); }, [] { the_queue = linux_queue_create(); }},
+    {"dnscache_spawnletcb_job_done", [] { dnscache_spawnletcb_job_done(1, 0, &record, sizeof record, 0); }},
+    {"check_local_cache", [] { check_local_cache(local_cache, "pair.test:123:0", &chain); }, cache_one},
+    {"refresh_dns_cache", refresh_dns_cache, cache_one},
+    {"add_entry_to_dns_cache: while the job runs",
+     [] { add_entry_to_dns_cache("stuck.test", 123, 0, nullptr); }, init, 1},
+    {"remove_old_entries_from_local_cache", remove_old_entries_from_local_cache, cache_one},
+    {"remove_entry_from_dns_cache", [] { remove_entry_from_dns_cache("pair.test"); }, cache_one},
+    {"g_list_check_and_prepend", [] { g_list_check_and_prepend(&local_cache, malloc(1), 10); }},
+    {"resolve_server_hostname", [] { resolve_server_hostname(&request); }},
+    {"get_res_back", [] { get_res_back(&record, &chain); }},
+    {"server_spawnlet_data_display", [] { server_spawnlet_data_display(&record); }},
+    {"display_ip_addrs", [] { display_ip_addrs(&hints); }},
+    {"display_sockaddr", [] { display_sockaddr(reinterpret_cast<struct sockaddr *>(&record)); }},
+    {"get_sock_in_addr", [] { get_sock_in_addr(nullptr); }},
+    {"dnscache_wait_for_child: not a child of the process", [] { dnscache_wait_for_child(1); }},
+    {"any call that traces: the first while the debug log is on", [] { get_sock_in_addr(nullptr); },
+     [] { init(), log_is_switched_on = true; }},
+    {"linux_queue_create", [] { linux_queue_create(); }},
+    {"linux_queue_next: no completion is waiting", [] { linux_queue_next(the_queue, &completion); }},
+    {"linux_history_enable", [] { linux_history_enable(1); }},
+    {"linux_vrf_list", [] { free(linux_vrf_list(&count)); }},
+    {"linux_vrf_check", [] { linux_vrf_check(0, nullptr, 0); }},
+};
+
+/* Values that are not the defaults show a reset to the default, too. */
+static std::string line_of(const row &row)
+{
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    signal(SIGUSR1, [](int) {});
+    signal(SIGXFSZ, [](int) {});
+    umask(027);
+    row.prepare();
+    EXPECT_TRUE(children_left(0));
+    const snapshot before = take_snapshot(4242);
+    errno = 4242;
+    row.make();
+    const int error = errno;
+    EXPECT_TRUE(children_left(row.children_after));
+    const snapshot after = take_snapshot(error);
+    std::string line = std::string("\n| ") + row.call + " |";
+    for (const size_t i : {0, 4, 4, 1, 2, 4, 4, 4, 3}) /* 4: not measured on its own */
+        line += " " + (i == 4 ? "-" : difference(before[i], after[i])) + " |";
+    return line + "\n";
+}
+
+TEST(HostProcess, ChangesAreThoseInTheHygieneTable)
+{
+    const std::string manual = content_of(HYGIENE);
+    const std::string log = own_log();
+    for (const row &row : rows)
+        EXPECT_TRUE(in_its_own_process([&] {
+            const std::string line = line_of(row);
+            EXPECT_NE(manual.find(line), manual.npos) << line;
+            return !HasFailure();
+        }));
+    remove(log.c_str());
+}
+
+/* Outcomes of real jobs */
+
+static void serve(int hits, int misses)
+{
+    for (int i = 0; i < misses; i++) {
+        remove_entry_from_dns_cache("pair.test");
+        if (i % 2 == 0) {
+            ASSERT_EQ(add_entry_to_dns_cache("pair.test", 123, 0, nullptr), 0);
+            while (linux_queue_dispatch(the_queue, dnscache_spawnletcb_job_done, nullptr, nullptr) == 0)
+                ASSERT_TRUE(becomes_readable(the_queue));
         }
-        const linux_completion done = complete_one();
-        ASSERT_EQ(running.count(done.handle), 1u);
-        const job_way &way = *running[done.handle];
-        EXPECT_EQ(done.syserr, way.code);
-        EXPECT_EQ(done.ret_syserr, way.result);
-        EXPECT_EQ(done.ret_info_size, way.size);
-        EXPECT_EQ(static_cast<size_t>(running_jobs), running.size() - 1 - completed.size());
-        ended += static_cast<int>(running.erase(done.handle));
+        ASSERT_EQ(look_up("pair.test"), 0);
     }
-    misbehaviour = nullptr;
-    EXPECT_EQ(linux_queue_next(queue, &none), 0);
-    EXPECT_FALSE(becomes_readable(queue, 0));
-    EXPECT_EQ(job_list, nullptr);
-    kill(copy, SIGKILL);
-    waitpid(copy, nullptr, 0);
-    EXPECT_EQ(descriptors_held(), descriptors);
+    for (int i = 0; i < hits; i++)
+        look_up("pair.test");
+    EXPECT_TRUE(children_left(0));
+}
+
+TEST(RealJobs, LeakNothingInTheHost)
+{
+    EXPECT_TRUE(in_its_own_process([] {
+        init();
+        freopen("/dev/null", "w", stdout);
+        const size_t held = open_descriptors().size();
+        serve(1000, 100); /* allocates buffers that remain */
+        const size_t memory = mallinfo2().uordblks;
+        serve(repetitions(100'000), repetitions(4'000)); /* half of the misses in the background */
+        return !HasFailure() && open_descriptors().size() == held && mallinfo2().uordblks < memory + 4096;
+    }));
+}
+
+TEST(RealJobs, EachJobDeliversExactlyOneCompletion)
+{
+    EXPECT_TRUE(in_its_own_process([] {
+        init();
+        const size_t descriptors = open_descriptors().size();
+        const int jobs = repetitions(1000);
+        std::map<uint32_t, const job_way *> running;
+        pid_t copy = 0; /* a fork of the host, which shares its descriptors */
+        for (int started = 0, ended = 0; ended < jobs; ended++) {
+            if (copy == 0 && ended > 10 && (copy = fork()) == 0)
+                _exit(pause());
+            for (; started < jobs && running.size() < MAX_SPAWNLETS; started++) {
+                signal(SIGCHLD, started / 100 % 2 == 0 ? SIG_DFL : SIG_IGN);
+                const job_way &way = job_ways()[static_cast<size_t>(started) % job_ways().size()];
+                const uint32_t handle =
+                    start_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20);
+                EXPECT_TRUE(running.emplace(handle, &way).second);
+            }
+            const linux_completion done = next_completion(the_queue);
+            if (running.count(done.handle) != 1)
+                return false;
+            const job_way &way = *running[done.handle];
+            EXPECT_EQ(done.syserr, way.code);
+            EXPECT_EQ(done.ret_syserr, way.result);
+            EXPECT_EQ(done.ret_info_size, way.size);
+            running.erase(done.handle);
+        }
+        EXPECT_TRUE(children_left(1));
+        EXPECT_FALSE(becomes_readable(the_queue, 0));
+        kill(copy, SIGKILL);
+        waitpid(copy, nullptr, 0);
+        EXPECT_EQ(open_descriptors().size(), descriptors);
+        return !HasFailure();
+    }));
+}
+
+/* The debug log in a hostile environment: a world-writable folder, a size limit, no standard streams */
+
+static bool traces()
+{
+    log_is_switched_on = true;
+    get_sock_in_addr(nullptr);
+    return log_file != nullptr;
+}
+
+static bool shell(const std::string &command)
+{
+    return system(("cd /tmp && log=" + own_log() + " && target=/tmp/target.$PPID && " + command).c_str()) ==
+           0;
+}
+
+TEST(Surroundings, PlantedLogFileIsNotUsed)
+{
+    const std::pair<const char *, bool> cases[] = {
+        {"ln -s $target $log", false},
+        {"ln -s /tmp/nowhere.$PPID $log", false},
+        {"ln $target $log", false},
+        {"mkfifo $log", false},
+        {"mkdir $log", false},
+        {"mknod $log c 1 3", true},
+        {"touch $log && chown 65534 $log", true},
+    };
+    for (const auto &[plant, needs_root] : cases) {
+        SCOPED_TRACE(plant);
+        if (needs_root && geteuid() != 0)
+            continue;
+        ASSERT_TRUE(shell("rm -rf $log && : > $target && " + std::string(plant)));
+        EXPECT_TRUE(in_its_own_process([] {
+            alarm(20); /* opening a FIFO waits for a reader */
+            return !traces();
+        }));
+        EXPECT_TRUE(shell("test ! -s $target -a ! -e /tmp/nowhere.$PPID && rm -r $target $log"));
+    }
+}
+
+TEST(Surroundings, LogIsAppendedToAndKeptOffDescriptors0To2)
+{
+    ASSERT_TRUE(shell("rm -rf $log"));
+    for (int line = 0; line < 2; line++)
+        EXPECT_TRUE(in_its_own_process([] {
+            close(STDIN_FILENO);
+            close(STDOUT_FILENO);
+            return traces() && fileno(log_file) > STDERR_FILENO && fcntl(STDIN_FILENO, F_GETFD) < 0 &&
+                   fcntl(STDOUT_FILENO, F_GETFD) < 0;
+        }));
+    EXPECT_TRUE(shell("test $(wc -l < $log) = 2 && rm $log"));
+}
+
+TEST(Surroundings, FileSizeLimitOnlyLosesLogText)
+{
+    const std::string log = own_log();
+    EXPECT_TRUE(in_its_own_process([&] {
+        const struct rlimit limit = {200, 200};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        freopen("/dev/null", "w", stdout);
+        for (int i = 0; i < 20; i++)
+            traces();
+        return content_of(log).size() == 200 && truncate(file_name, 0) == 0 && traces() &&
+               !content_of(log).empty();
+    }));
+    remove(log.c_str());
+}
+
+TEST(Surroundings, NoLogWhereOthersCouldReplaceIt)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to mount folders for the log";
+    const std::pair<const char *, bool> cases[] = {
+        {"mode=0755", true}, {"mode=0777", false}, {"mode=0775", false}, {"uid=65534", false}};
+    for (const auto &[options, is_safe] : cases)
+        EXPECT_TRUE(in_its_own_process([options = options, is_safe = is_safe] {
+            return unshare(CLONE_NEWNS) == 0 &&
+                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   mount("none", "/tmp", "tmpfs", 0, options) == 0 && traces() == is_safe;
+        })) << options;
 }

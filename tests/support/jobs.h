@@ -94,15 +94,11 @@ static inline std::vector<int> open_descriptors()
     return found;
 }
 
-/* Call it in the child of a job, whose only socket is the channel to its parent. Returns -1 if there is none. */
-static inline int job_channel()
+/* In the child of a job, whose only socket is the channel to its parent. */
+static inline void send_raw(const void *bytes, size_t size)
 {
-    for (const int fd : open_descriptors()) {
-        struct stat status;
-        if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
-            return fd;
-    }
-    return -1;
+    for (const int fd : open_descriptors())
+        send(fd, bytes, size, 0);
 }
 
 /* Memory that the child of a job shares with the test. */
@@ -115,13 +111,6 @@ T *shared()
 
 /* Bodies of jobs, and how such a job ends, whether blocking or in the background */
 
-static inline int hand_back(void *size)
-{
-    const std::string bytes(*static_cast<size_t *>(size), 'b');
-    spawnlet_done(bytes.data(), static_cast<uint32_t>(bytes.size()));
-    return -5;
-}
-
 static inline int crash(void *)
 {
     return raise(SIGKILL);
@@ -133,35 +122,35 @@ static inline int hang(void *)
     return pause();
 }
 
-static inline int flood(void *)
+static inline int hand_back(void *size)
+{
+    const std::string bytes(*static_cast<size_t *>(size), 'b');
+    spawnlet_done(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    return -5;
+}
+
+/* Largest hand-backs: many small ones would need a change of process for each few hundred bytes. */
+static inline int flood(void *size)
 {
     for (;;)
-        spawnlet_done("again", 5);
+        hand_back(size);
 }
 
-/* Writes three raw words instead of frames, then returns as usual. */
-static inline int write_garbage(void *words)
+static inline int send_garbage(void *)
 {
-    return static_cast<int>(write(job_channel(), words, 12));
+    send_raw("garbage-garbage", 16);
+    return 0;
 }
 
-/* Sends half a hand-back, then kills itself. */
+/* Sends half a hand-back, and leaves a grandchild that keeps the channel open for 2 s. */
 static inline int send_half_and_crash(void *)
 {
-    const std::string half(LINUX_HANDBACK_MAX / 2, 't');
-    const frame_header header = {FRAME_HANDBACK, LINUX_HANDBACK_MAX};
-    return static_cast<int>(write(job_channel(), &header, sizeof header) +
-                            write(job_channel(), half.data(), half.size())) > 0
-               ? raise(SIGKILL)
-               : 0;
-}
-
-/* Leaves a grandchild that keeps the channel open for 2 s. The job is then killed, or returns 0 if crashes is NULL. */
-static inline int leave_a_grandchild(void *crashes)
-{
+    const frame_header header = {FRAME_HANDBACK, 2 * sizeof header};
+    send_raw(&header, sizeof header);
+    send_raw(&header, sizeof header);
     if (fork() == 0)
         alarm(2), pause();
-    return crashes != nullptr ? raise(SIGKILL) : 0;
+    return raise(SIGKILL);
 }
 
 struct job_way {
@@ -175,35 +164,23 @@ struct job_way {
 static inline const std::vector<job_way> &job_ways()
 {
     static size_t sizes[] = {0, 1, 1675, 1676, 1677, LINUX_HANDBACK_MAX, LINUX_HANDBACK_MAX + 1};
-    static uint32_t garbage[][3] = {{~0u, ~0u, ~0u}, {FRAME_HANDBACK, 100, 7}, {FRAME_RESULT, 3, 7}};
-    static std::vector<job_way> ways;
-    if (!ways.empty())
-        return ways;
-    for (size_t &size : sizes)
-        ways.push_back({hand_back, &size, 0, -5, size});
-    ways.back() = {hand_back, &sizes[6], LINUX_JOB_TOO_LARGE, 0, 0};
-    for (auto &words : garbage)
-        ways.push_back({write_garbage, words, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back(
-        {[](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); }, nullptr, 0, 0, 4});
-    ways.push_back({[](void *) -> int { _exit(0); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back({crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back({send_half_and_crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back({[](void *) { return spawnlet_done("last", 4) + raise(SIGKILL); }, nullptr,
-                    LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back({[](void *) -> int { abort(); }, nullptr, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back({leave_a_grandchild, nullptr, 0, 0, 0});
-    ways.push_back({leave_a_grandchild, &sizes, LINUX_JOB_NO_RESULT, 0, 0});
-    ways.push_back(
-        {[](void *) -> int { return raise(SIGSTOP), pause(); }, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
-    ways.push_back({hang, nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
-    ways.push_back({[](void *) -> int {
-                        for (volatile bool busy = true; busy;)
-                            ;
-                        return 0;
-                    },
-                    nullptr, LINUX_JOB_TIMED_OUT, 0, 0});
-    ways.push_back({flood, nullptr, LINUX_JOB_TOO_LARGE, 0, 0});
+    static const auto twice = [](void *) { return spawnlet_done("first", 5) + spawnlet_done("last", 4); };
+    static const std::vector<job_way> ways = {
+        {hand_back, &sizes[0], 0, -5, 0},
+        {hand_back, &sizes[1], 0, -5, 1},
+        {hand_back, &sizes[2], 0, -5, 1675},
+        {hand_back, &sizes[3], 0, -5, 1676},
+        {hand_back, &sizes[4], 0, -5, 1677},
+        {hand_back, &sizes[5], 0, -5, LINUX_HANDBACK_MAX},
+        {hand_back, &sizes[6], LINUX_JOB_TOO_LARGE, 0, 0},
+        {twice, nullptr, 0, 0, 4},
+        {flood, &sizes[5], LINUX_JOB_TOO_LARGE, 0, 0},
+        {send_garbage, nullptr, LINUX_JOB_NO_RESULT, 0, 0},
+        {crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0},
+        {send_half_and_crash, nullptr, LINUX_JOB_NO_RESULT, 0, 0},
+        {[](void *) { return raise(SIGSTOP) + pause(); }, nullptr, LINUX_JOB_TIMED_OUT, 0, 0},
+        {hang, nullptr, LINUX_JOB_TIMED_OUT, 0, 0},
+    };
     return ways;
 }
 
@@ -212,13 +189,6 @@ extern "C" int __attribute__((weak)) __lsan_do_recoverable_leak_check(void);
 static inline bool has_sanitizer()
 {
     return __lsan_do_recoverable_leak_check != nullptr;
-}
-
-/* The factor by which a test multiplies its repetitions: 1, or more under scripts/soak. */
-static inline int soak_factor()
-{
-    const char *factor = getenv("SOAK");
-    return factor != nullptr ? atoi(factor) : 1;
 }
 
 /* Waits about 20 s at most for an event that has no descriptor to poll. */
