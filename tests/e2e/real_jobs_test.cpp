@@ -176,7 +176,7 @@ static std::string line_of(const row &row)
     EXPECT_TRUE(children_left(row.children_after));
     const snapshot after = take_snapshot(error);
     std::string line = std::string("\n| ") + row.call + " |";
-    for (const size_t i : {0, 4, 4, 1, 2, 4, 4, 4, 3}) /* 4: not measured on its own */
+    for (const size_t i : {0u, 4u, 4u, 1u, 2u, 4u, 4u, 4u, 3u}) /* 4: not measured on its own */
         line += " " + (i == 4 ? "-" : difference(before[i], after[i])) + " |";
     return line + "\n";
 }
