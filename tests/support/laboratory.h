@@ -31,18 +31,6 @@ static inline int counter(int vrf, const char *file, const char *label, const ch
     return value;
 }
 
-/* Packets that arrived at the name server's end of the wire of a VRF. */
-static inline int packets(int vrf)
-{
-    return counter(vrf, "/net/dev", "wire:", "%*d %d");
-}
-
-/* How many of them were UDP datagrams for a server, rather than traffic of the kernel itself. */
-static inline int questions(int vrf)
-{
-    return counter(vrf, "/net/snmp", "\nUdp:", "%d");
-}
-
 static inline std::string addresses_in(const struct addrinfo *chain)
 {
     std::set<std::string> found;
@@ -60,9 +48,8 @@ static inline std::string addresses_in(const struct addrinfo *chain)
 /* The addresses that every name has in a VRF. */
 static inline std::string own_addresses(int vrf)
 {
-    const std::string number = std::to_string(vrf);
-    return "192.0.2." + number +
-           (vrf == 0 || vrf == 2 ? vrf == 0 ? " 2001:db8::" : "" : " 2001:db8::" + number);
+    const std::string number = std::to_string(vrf), suffix = vrf != 0 ? number : "";
+    return "192.0.2." + number + (vrf != 2 ? " 2001:db8::" + suffix : "");
 }
 
 /* The addresses of a name, sorted; if the lookup fails, its code in parentheses. */
