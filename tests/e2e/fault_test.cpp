@@ -141,12 +141,6 @@ static bool is_as_before(uint32_t queue, size_t descriptors)
            (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || child.si_pid == 0);
 }
 
-/* UDP datagrams that the host's name server got, rather than traffic of the kernel itself */
-static int host_questions()
-{
-    return counter(0, "/net/snmp", "\nUdp:", "%d");
-}
-
 using step = std::function<void()>;
 
 static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
@@ -158,7 +152,7 @@ static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
         require((host_only_fd = fcntl(host_only_fd, F_DUPFD, 500)) >= 500);
     host_only_link = link_of(host_only_fd);
     const size_t descriptors = open_descriptors().size();
-    const int questions = host_questions();
+    const int host_questions = questions(0);
     set_limits();
     uint32_t queue = armed(linux_queue_create);
     if (queue == 0) {
@@ -188,7 +182,7 @@ static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
     take_completions(queue);
     require(running_jobs == 0);
     require(eventually([&] { return is_as_before(queue, descriptors); }));
-    require(vrf == 0 ? host_questions() > questions : host_questions() == questions);
+    require(vrf == 0 ? questions(0) > host_questions : questions(0) == host_questions);
     require(!plan->has_leaked);
     empty_cache();
     require(!has_sanitizer() || __lsan_do_recoverable_leak_check() == 0);

@@ -19,16 +19,13 @@ static inline bool shell(const std::string &command)
     return system(command.c_str()) == 0;
 }
 
-/* Returns a kernel counter of the VRF's name server: format reads it after the last label in the file. -1: no label. */
-static inline int counter(int vrf, const char *file, const char *label, const char *format)
+/* UDP datagrams that the name server of a VRF got, rather than other traffic of the kernel; -1: it does not run. */
+static inline int questions(int vrf)
 {
     const std::string server = content_of("/run/server" + std::to_string(vrf) + ".pid");
-    const std::string counters = content_of("/proc/" + std::to_string(atoi(server.c_str())) + file);
-    int value = -1;
-    const size_t at = counters.rfind(label);
-    if (at != std::string::npos)
-        sscanf(counters.c_str() + at + strlen(label), format, &value);
-    return value;
+    const std::string counters = content_of("/proc/" + std::to_string(atoi(server.c_str())) + "/net/snmp");
+    const size_t at = counters.rfind("\nUdp: ");
+    return at != std::string::npos ? atoi(counters.c_str() + at + strlen("\nUdp: ")) : -1;
 }
 
 static inline std::string addresses_in(const struct addrinfo *chain)
