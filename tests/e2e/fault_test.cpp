@@ -19,6 +19,7 @@ static struct fault_plan {
     char call[20];
     int error, vrf;
     int countdown; /* the call that decrements it from 1 fails */
+    rlim_t files;  /* RLIMIT_NOFILE, until the daemon is to recover */
     bool has_failed;
     bool has_leaked; /* a job has the host's socket, or sees the host's files */
     int refusals;    /* lookups without an answer */
@@ -141,9 +142,15 @@ static bool is_as_before(uint32_t queue, size_t descriptors)
            (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || child.si_pid == 0);
 }
 
-using step = std::function<void()>;
+static void limit_files(rlim_t most)
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min(most, limit.rlim_max);
+    require(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+}
 
-static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
+static void run_daemon(int vrf)
 {
     /* Jobs inherit the file, but not the socket. */
     require(open("/etc/hosts", O_RDONLY) > 0 && (host_only_fd = socket(AF_UNIX, SOCK_STREAM, 0)) > 0);
@@ -153,12 +160,10 @@ static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
     host_only_link = link_of(host_only_fd);
     const size_t descriptors = open_descriptors().size();
     const int host_questions = questions(0);
-    set_limits();
+    limit_files(plan->files);
     uint32_t queue = armed(linux_queue_create);
-    if (queue == 0) {
-        lift_limits();
+    if (queue == 0)
         queue = linux_queue_create();
-    }
     armed([vrf] { return add_entry_to_dns_cache("early.lab", 123, vrf, nullptr); });
     armed([queue] { return dns_cache_init(queue, 1), 0; });
     try_to_look_up("one.lab", vrf);
@@ -174,7 +179,8 @@ static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
     armed([] { return refresh_dns_cache(), 0; });
     require(local_cache == nullptr);
     take_completions(queue);
-    lift_limits();
+    plan->countdown = 0;
+    limit_files(RLIM_INFINITY);
     require(linux_history_enable(1) == 0);
     if (try_to_look_up("two.lab", vrf) == "(-3)") /* the machine is busy */
         take_completions(queue);
@@ -188,17 +194,18 @@ static void run_daemon(int vrf, const step &set_limits, const step &lift_limits)
     require(!has_sanitizer() || __lsan_do_recoverable_leak_check() == 0);
 }
 
-static void expect_daemon_survives(const fault_plan &planned, const step &set_limits, const step &lift_limits)
+static void expect_daemon_survives(const fault_plan &planned)
 {
     SCOPED_TRACE(testing::Message() << planned.call << " " << strerror(planned.error) << " at "
-                                    << planned.countdown << ", VRF " << planned.vrf);
+                                    << planned.countdown << ", VRF " << planned.vrf << ", at most "
+                                    << planned.files << " descriptors");
     *plan = planned;
     /* Each daemon must create its own groups and load programs. */
     shell("echo of VRF 1 > /etc/netns/vrf1/hostname; rmdir /sys/fs/cgroup/vrf/* 2> /dev/null");
     EXPECT_TRUE(in_its_own_process([&] {
         alarm(20);
         freopen("/dev/null", "w", stdout);
-        run_daemon(planned.vrf, set_limits, lift_limits);
+        run_daemon(planned.vrf);
         return true;
     }));
 }
@@ -212,11 +219,10 @@ static bool is_retried(const std::string &call, int error)
 /* Returns the number of places at which the call has failed. */
 static int sweep(const char *call, int error, int vrf)
 {
-    fault_plan planned = {.error = error, .vrf = vrf, .countdown = 1};
+    fault_plan planned = {.error = error, .vrf = vrf, .countdown = 1, .files = RLIM_INFINITY};
     snprintf(planned.call, sizeof planned.call, "%s", call);
     for (;; planned.countdown++) {
-        expect_daemon_survives(
-            planned, [] {}, [] { plan->countdown = 0; });
+        expect_daemon_survives(planned);
         EXPECT_TRUE(plan->refusals == 0 || !is_retried(call, error));
         if (!plan->has_failed)
             return planned.countdown - 1;
@@ -240,26 +246,16 @@ TEST(Fault, EachSystemCallMayFailOnce)
 #include "tests/e2e/faulty_calls.def"
 }
 
-static void limit_descriptors(rlim_t most)
-{
-    struct rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = std::min(most, limit.rlim_max);
-    require(setrlimit(RLIMIT_NOFILE, &limit) == 0);
-}
-
 /* Raises the limit from too little for any lookup to enough for all. */
 TEST(Fault, LookupsRecoverWhenDescriptorsAreFree)
 {
     constexpr int MOST = 40;
+    const int next = dup(STDOUT_FILENO);
+    close(next);
     for (const int vrf : {0, 1, 5})
         for (int left = 0; left <= MOST; left++) {
-            const int next = dup(STDOUT_FILENO);
-            close(next);
-            const auto most = static_cast<rlim_t>(next + 3 + left); /* 3: run_daemon()'s own, and the queue */
-            expect_daemon_survives(
-                {.call = "no call", .vrf = vrf, .countdown = left}, [most] { limit_descriptors(most); },
-                [] { limit_descriptors(RLIM_INFINITY); });
+            const int files = next + 3 + left; /* 3: run_daemon()'s own, and the queue */
+            expect_daemon_survives({.vrf = vrf, .files = static_cast<rlim_t>(files)});
             EXPECT_TRUE(left > 0 || plan->refusals > 0);
             EXPECT_TRUE(left < MOST || plan->refusals == 0);
         }
