@@ -223,23 +223,18 @@ static field_table table_of(const std::string &paths, Places &...places)
 
 #define TABLE_OF(...) table_of(#__VA_ARGS__, __VA_ARGS__)
 
-/* Sets every field that the command names. */
-static void set_fields(const command &c)
+/* Sets the fields that the command names, and takes them out. */
+static void set_fields(command *c, const field_table &fields)
 {
-    static const field_table fields = TABLE_OF(
-        fake.marker, fake.fopen_fails, fake.syserr, fake.async_syserr, fake.ret_syserr, fake.resolver_result,
-        fake.now, fake.failing_malloc, memory.partition, memory.rtctx_fails, memory.register_code,
-        memory.history_subtype, memory.debug_flag, running_jobs, record.serv_id, record.serv_name,
-        record.service, record.num_entries, record.status, record.timestamp, record.hints.ai_flags,
-        record.hints.ai_family, record.canonname[0], record.ai_hdr[0].ai_flags, record.ai_hdr[0].ai_socktype,
-        record.ai_hdr[0].ai_protocol, record.ai_hdr[0].ai_addrlen, record.addr[0][0]);
-    for (const auto &[name, text] : c.named) {
-        const std::span<char> field = fields.at(name);
-        const bool is_number = field.size() <= sizeof(long);
-        const long value = is_number ? std::stol(text) : 0;
-        const std::string chars = expand(text);
-        memcpy(field.data(), is_number ? reinterpret_cast<const char *>(&value) : chars.c_str(),
-               is_number ? field.size() : std::min(chars.size() + 1, field.size()));
+    for (const auto &[name, place] : fields) {
+        const auto given = c->named.extract(name);
+        if (given.empty())
+            continue;
+        const bool is_number = place.size() <= sizeof(long);
+        const long value = is_number ? std::stol(given.mapped()) : 0;
+        const std::string chars = expand(given.mapped());
+        memcpy(place.data(), is_number ? reinterpret_cast<const char *>(&value) : chars.c_str(),
+               is_number ? place.size() : std::min(chars.size() + 1, place.size()));
     }
 }
 
@@ -271,11 +266,17 @@ static server_spawnlet_data_t a_record(const std::string &whose, std::span<const
 }
 
 /* [HOST:SERVICE:VRF ADDRESS...] [FIELD=VALUE]...: the current record becomes another one, or changes. */
-static void make_record(const command &c)
+static void make_record(command c)
 {
+    static const field_table fields =
+        TABLE_OF(record.serv_id, record.serv_name, record.service, record.num_entries, record.status,
+                 record.timestamp, record.hints.ai_flags, record.hints.ai_family, record.canonname[0],
+                 record.ai_hdr[0].ai_flags, record.ai_hdr[0].ai_socktype, record.ai_hdr[0].ai_protocol,
+                 record.ai_hdr[0].ai_addrlen, record.addr[0][0]);
     if (c.words.size() > 1)
         record = a_record(c.words[1], std::span(c.words).subspan(2));
-    set_fields(c);
+    set_fields(&c, fields);
+    EXPECT_TRUE(c.named.empty()) << c.named.begin()->first;
 }
 
 /* A copy in memory from malloc(), so that a list can own it. */
@@ -515,7 +516,7 @@ static void show_settings(const command &)
 using command_map = std::map<std::string, std::function<void(const command &)>>;
 
 static const command_map preparations = {
-    {"set", set_fields},
+    {"set", [](const command &) {}},
     {"record", make_record},
     {"cached", cache_record},
     {"fill", fill_cache},
@@ -569,8 +570,14 @@ static const command_map calls = {
      [](const command &) { result(text("%s \"%s\"", log_file != nullptr ? "open" : "closed", file_name)); }},
 };
 
+/* Any command may change settings of the fakes, too. */
 static void run(command c)
 {
+    static const field_table settings =
+        TABLE_OF(fake.marker, fake.fopen_fails, fake.syserr, fake.async_syserr, fake.ret_syserr,
+                 fake.resolver_result, fake.now, fake.failing_malloc, memory.partition, memory.rtctx_fails,
+                 memory.register_code, memory.history_subtype, memory.debug_flag, running_jobs);
+    set_fields(&c, settings);
     if (preparations.count(c.words[0]) != 0)
         return preparations.at(c.words[0])(c);
     errno = EXDEV;
