@@ -19,12 +19,6 @@ void *__wrap_malloc(size_t size)
     return failing_malloc > 0 && --failing_malloc == 0 ? nullptr : __real_malloc(size);
 }
 
-int LLVMFuzzerInitialize(int *, char ***)
-{
-    REQUIRE(freopen("/dev/null", "w", stdout) != nullptr);
-    return 0;
-}
-
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     run_input({data, size});
@@ -33,9 +27,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 }
 
 #ifndef DNSCACHE_FUZZ
-int main(int argc, char **argv)
+int main(int, char **argv)
 {
-    LLVMFuzzerInitialize(&argc, &argv);
+    REQUIRE(freopen("/dev/null", "w", stdout) != nullptr); /* the traces */
     REQUIRE(!std::filesystem::is_empty(argv[1]));
     for (const auto &file : std::filesystem::directory_iterator(argv[1])) {
         fprintf(stderr, "%s\n", file.path().filename().c_str());

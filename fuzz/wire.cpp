@@ -9,33 +9,25 @@
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/spawnlet_wire.h"
 
-struct meaning {
-    wire_state state;
-    uint32_t handback_size;
-    bytes_view handback; /* as much of it as has arrived */
-    int32_t result;
-};
-
-/* A second implementation of the reader, for a stream that has arrived completely. */
-static meaning parse(bytes_view stream, int failing)
+/* A second implementation of the reader, for a stream that has arrived completely. *handback: what has arrived of it */
+static wire_reader parse(bytes_view stream, int failing, bytes_view *handback)
 {
-    meaning found = {};
+    wire_reader found = {};
     while (found.state == WIRE_READING && stream.size() >= sizeof(frame_header)) {
         const auto [kind, size] = take<frame_header>(&stream);
         const bytes_view payload = stream.first(std::min<size_t>(size, stream.size()));
         stream = stream.subspan(payload.size());
-        if (kind == FRAME_RESULT && size == 4) {
-            found.state = payload.size() == 4 ? WIRE_DONE : WIRE_READING;
-            memcpy(&found.result, payload.data(), payload.size());
+        if (kind == FRAME_RESULT) {
+            found.state = size != 4 ? WIRE_MALFORMED : payload.size() == 4 ? WIRE_DONE : WIRE_READING;
+            memcpy(&found.result, payload.data(), std::min<size_t>(payload.size(), 4));
         } else if (kind != FRAME_HANDBACK) {
             found.state = WIRE_MALFORMED;
-        } else if (size > LINUX_HANDBACK_MAX) {
-            found = {.state = WIRE_TOO_LARGE};
-        } else if (size > 0 && --failing == 0) {
-            found = {.state = WIRE_NO_MEMORY};
         } else {
-            found.handback_size = size;
-            found.handback = payload;
+            const bool too_large = size > LINUX_HANDBACK_MAX;
+            const bool no_memory = !too_large && size > 0 && --failing == 0;
+            found.state = too_large ? WIRE_TOO_LARGE : no_memory ? WIRE_NO_MEMORY : WIRE_READING;
+            found.handback_size = found.state == WIRE_READING ? size : 0;
+            *handback = payload.first(std::min<size_t>(found.handback_size, payload.size()));
         }
     }
     return found;
@@ -43,7 +35,8 @@ static meaning parse(bytes_view stream, int failing)
 
 static void check_reader(bytes_view stream, size_t portion, int failing)
 {
-    const meaning wanted = parse(stream, failing);
+    bytes_view handback;
+    const wire_reader wanted = parse(stream, failing, &handback);
     wire_reader reader = {};
     failing_malloc = failing;
     for (size_t at = 0; at < stream.size(); at += portion)
@@ -53,18 +46,8 @@ static void check_reader(bytes_view stream, size_t portion, int failing)
     REQUIRE(reader.state != WIRE_DONE || reader.result == wanted.result);
     REQUIRE(reader.handback_size == wanted.handback_size);
     REQUIRE((reader.handback == nullptr) == (reader.handback_size == 0));
-    REQUIRE(std::equal(wanted.handback.begin(), wanted.handback.end(), reader.handback));
+    REQUIRE(std::equal(handback.begin(), handback.end(), reader.handback));
     wire_release(&reader);
-}
-
-/* Returns an error, without SIGPIPE. */
-static void send_to_closed_peer(bytes_view payload)
-{
-    int ends[2];
-    REQUIRE(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    close(ends[1]);
-    REQUIRE(wire_send(ends[0], FRAME_HANDBACK, payload) == -1);
-    close(ends[0]);
 }
 
 void run_input(bytes_view input)
@@ -73,5 +56,10 @@ void run_input(bytes_view input)
     const int failing = take<uint8_t>(&input);
     for (const size_t size : {size_t{1}, portion, input.size()})
         check_reader(input, size, failing);
-    send_to_closed_peer(input);
+
+    /* Sending to a closed peer returns an error, without SIGPIPE. */
+    int ends[2];
+    REQUIRE(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0 && close(ends[1]) == 0);
+    REQUIRE(wire_send(ends[0], FRAME_HANDBACK, input) == -1);
+    close(ends[0]);
 }
