@@ -140,7 +140,6 @@ abi.needs)
     cat "$source"/platform/*.h | declared > "$work/declared"
     nm -D --undefined-only "$build/libdnscache.so" | awk '$1 == "U" && $2 !~ /@|^g_/ { print $2 }' | sort > "$work/used"
     same "$work/declared" "$work/used"
-    [ "$(wc -l < "$work/used")" -eq 14 ] || fail 'README.md says 14 symbols'
     ;;
 abi.floors)
     # A file includes its own floor and those below; library and platform do not include each other's private headers.
@@ -175,7 +174,7 @@ abi.gate | abi.accept)
     done
     ;;
 abi.golden)
-    # Every build writes, byte for byte, the records that a 32-bit build wrote, and decodes them.
+    # Every build writes, byte for byte, the records that a 32-bit build wrote.
     cd "$work"
     "$build/tests/shipped/golden" > "$work/trace"
     for record in request options result; do
@@ -259,14 +258,6 @@ packages.lintian)
     lintian --fail-on error,warning "$packages"/*.changes
     lintian --fail-on info --tags hardening-no-bindnow,hardening-no-fortify-functions "$packages"/*.deb
     ;;
-manual.names)
-    # Each public name has a page, and there are no other pages.
-    cmake --install "$build/docs/man" --prefix "$work/usr" > /dev/null
-    cat "$source/dnscache/dnscache.h" "$source/platform/linux/linux_platform.h" | declared > "$work/declared"
-    find "$work/usr" -name '*.3' -exec basename {} .3 \; | sort > "$work/found"
-    same "$work/declared" "$work/found"
-    man -M "$work/usr/share/man" 3 linux_history_read | grep -q linux_queue_create || fail 'a link leads nowhere'
-    ;;
 manual.prototypes)
     headers="$source/dnscache/dnscache.h $source/platform/linux/linux_platform.h"
     for page in "$pages"/*.3; do
@@ -276,7 +267,11 @@ manual.prototypes)
         section "$page" NAME | tr '\n' ' ' | sed 's/ -.*//' | tr -s ', ' '\n' | sed '/^$/d' | sort > "$work/names"
         declared < "$work/synopsis.c" > "$work/declared"
         same "$work/names" "$work/declared"
+        cat "$work/names" >> "$work/documented"
     done
+    cat $headers | declared > "$work/declared"
+    sort "$work/documented" > "$work/names"
+    same "$work/declared" "$work/names"
     # Records appear as declared, except for comments.
     records() { sed -n '/^typedef struct/,/^}/{s,/\*.*\*/,,;p}' "$@" | tr -d ' \n' | sed 's/}[a-z_]*;/&\n/g' | sort; }
     records $headers > "$work/declared"
@@ -326,11 +321,9 @@ examples.*)
     run_host localhost '' 127.0.0.1
     # Both families, twice: again after they have expired
     run_host pair.test "$RESOLVER" '192.0.2.1 2001:db8::1' '192.0.2.1 2001:db8::1'
-    # A later try succeeds, when the name exists or the resolver no longer crashes. Each script starts at its second
-    # call.
-    touch "$work/late-fail.test.1" "$work/late-crash.test.1"
+    # A later try succeeds, when the name exists. Its script starts at the second call.
+    touch "$work/late-fail.test.1"
     run_host late-fail.test "$RESOLVER" 'Name or service not known' 192.0.2.5
-    run_host late-crash.test "$RESOLVER" 'child ended without a result' 192.0.2.6
     # A job that succeeds without a record leaves nothing in the cache.
     run_host odd.test "$RESOLVER" 'no usable answer' 'no usable answer'
     # While a job never ends, the timer keeps ticking, and a signal terminates the host.
