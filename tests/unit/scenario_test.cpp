@@ -588,44 +588,34 @@ static void run(command c)
 
 /* Running the sections */
 
-/* A line of the log. Sinks that get the same message one after the other share a line: "HFP PLACE TEXT". */
 struct log_line {
     std::string sinks, place, text;
-
-    explicit log_line(const std::string &line)
-    {
-        const bool is_message = strchr("HBFP", line[0]) != nullptr && line[1] == ' ';
-        const size_t place_end = line[0] == 'F' ? line.find(' ', line.find(" : ") + 3) + 1 : 2;
-        if (is_message) {
-            sinks = line.substr(0, 1);
-            place = line.substr(2, place_end - 2);
-        }
-        text = line.substr(is_message ? place_end : 0);
-    }
-    bool takes(const log_line &next)
-    {
-        if (sinks.empty() || next.sinks.empty() || text != next.text ||
-            sinks.find(next.sinks) != std::string::npos)
-            return false;
-        sinks += next.sinks;
-        place += next.place;
-        return true;
-    }
-    std::string shown() const
-    {
-        return masked(sinks + (sinks.empty() ? "" : " ") + place + text);
-    }
 };
 
-/* fake.log, with equal lines counted, and with the messages that contain the word: "": none, "all": all. */
-static std::string shown(const std::string &word)
+/* Sinks that get the same message one after the other share a line. */
+static std::vector<log_line> merged_log()
 {
     std::vector<log_line> lines;
-    for (const std::string &text : fake.log) {
-        const log_line line(text);
-        if (lines.empty() || !lines.back().takes(line))
-            lines.push_back(line);
+    for (const std::string &line : fake.log) {
+        const bool is_message = strchr("HBFP", line[0]) != nullptr && line[1] == ' ';
+        const size_t start = line[0] == 'F' ? line.find(' ', line.find(" : ") + 3) + 1 : 2;
+        if (!is_message) {
+            lines.push_back({"", "", line});
+            continue;
+        }
+        if (lines.empty() || lines.back().sinks.empty() || lines.back().text != line.substr(start) ||
+            lines.back().sinks.find(line[0]) != std::string::npos)
+            lines.push_back({"", "", line.substr(start)});
+        lines.back().sinks += line[0];
+        lines.back().place += line.substr(2, start - 2);
     }
+    return lines;
+}
+
+/* The log, with equal lines counted, and with the messages that contain the word: "": none, "all": all. */
+static std::string shown(const std::string &word)
+{
+    std::vector<log_line> lines = merged_log();
     std::erase_if(lines, [&word](const log_line &line) {
         const bool is_message = !line.sinks.empty(), is_detail = line.text.starts_with("rtctx");
         const bool has_word = !word.empty() && (line.place + line.text).find(word) != std::string::npos;
@@ -633,8 +623,12 @@ static std::string shown(const std::string &word)
     });
     std::string all;
     for (size_t i = 0, end; i < lines.size(); i = end) {
-        const std::string line = lines[i].shown();
-        for (end = i + 1; end < lines.size() && lines[end].shown() == line;)
+        const auto masked_line = [&](size_t at) {
+            return masked(lines[at].sinks + (lines[at].sinks.empty() ? "" : " ") + lines[at].place +
+                          lines[at].text);
+        };
+        const std::string line = masked_line(i);
+        for (end = i + 1; end < lines.size() && masked_line(end) == line;)
             end++;
         all += line + (end - i > 1 ? text(" (%zu times)\n", end - i) : "\n");
     }
