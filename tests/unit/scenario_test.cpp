@@ -230,8 +230,8 @@ static void set_fields(command *c, const field_table &fields)
         const auto given = c->named.extract(name);
         if (given.empty())
             continue;
-        const bool is_number = place.size() <= sizeof(long);
-        const long value = is_number ? std::stol(given.mapped()) : 0;
+        const bool is_number = place.size() <= sizeof(int64_t);
+        const int64_t value = is_number ? std::stoll(given.mapped()) : 0;
         const std::string chars = expand(given.mapped());
         memcpy(place.data(), is_number ? reinterpret_cast<const char *>(&value) : chars.c_str(),
                is_number ? place.size() : std::min(chars.size() + 1, place.size()));
