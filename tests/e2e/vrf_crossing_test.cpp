@@ -1,7 +1,7 @@
 /*
- * Captures what is sent, and on which interface, while jobs are bound to VRF 6: a device of the same kind as VRF 5 of the
- * laboratory, that is, a VRF device where the kernel has them, else a veth. Before each job, a process that only binds
- * its socket to the device asks the same question, which shows whether the question would cross into another VRF.
+ * Captures what is sent, and on which interface, while jobs are bound to VRF 6: a device of the same kind as VRF 5 of
+ * the laboratory, a VRF device where the kernel has them, else a veth. Before each job, a process that only binds its
+ * socket to the device asks the same question, which shows whether the question would cross into another VRF.
  */
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
@@ -63,8 +63,8 @@ class Crossing : public testing::Test
 {
   protected:
     /*
-     * Network 7 has addresses of the default VRF, network 8 is behind its routes, network 6 behind those of VRF 6. A VRF
-     * device does without the usual default route of a VRF, so that the kernel continues with the main table.
+     * Network 7 has addresses of the default VRF, network 8 is behind its routes, network 6 behind those of VRF 6.
+     * The VRF device lacks the usual default route of a VRF, so that the kernel continues with the main table.
      */
     void SetUp() override
     {
