@@ -11,15 +11,6 @@
 
 #include "tests/support/jobs.h"
 
-/* For tests that register a queue, which a process can do only once, and tests that change their process. */
-static void alone(void (*test)())
-{
-    EXPECT_TRUE(in_its_own_process([test] {
-        test();
-        return !testing::Test::HasFailure();
-    }));
-}
-
 static uint32_t new_queue()
 {
     const uint32_t queue = linux_queue_create();

@@ -222,6 +222,19 @@ static inline bool leaves_nothing_behind(size_t descriptors)
     });
 }
 
+/* Runs a test in a forked process, because it changes its whole process or registers a queue. */
+static inline void alone(const std::function<void()> &test)
+{
+    const pid_t process = fork();
+    if (process == 0) {
+        test();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(process, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
 /* Runs body in a forked process, for a test that changes its whole process. Returns whether body returned true. */
 template <typename Body>
 bool in_its_own_process(Body body)
