@@ -23,8 +23,14 @@
 #include "dnscache/state.h"
 #include "platform/memory/memory_platform.h"
 
+struct log_line {
+    std::string sinks; /* of a trace message: H, B, F, P; of other lines: empty */
+    std::string place; /* of the message in the code, if the log file is among the sinks */
+    std::string text;
+};
+
 struct fake_world {
-    std::vector<std::string> log; /* trace messages begin with their sink, H, B, F or P, and a blank */
+    std::vector<log_line> log;
 
     /* set by the test: what the fakes do and return */
     long marker = 1, fopen_fails, syserr, async_syserr, ret_syserr, resolver_result;
@@ -40,15 +46,24 @@ struct fake_world {
 };
 static fake_world fake;
 
-static void note(const std::string &line)
+/* Sinks that get the same message one after the other share a line. */
+static void note(const std::string &text, const std::string &sink = "", const std::string &place = "")
 {
-    fake.log.push_back(line);
+    std::vector<log_line> &log = fake.log;
+    if (sink.empty() || log.empty() || log.back().sinks.empty() || log.back().text != text ||
+        log.back().sinks.find(sink) != std::string::npos)
+        log.push_back({"", "", text});
+    log.back().sinks += sink;
+    log.back().place += place;
+    errno = ENOTTY; /* as the real call may */
 }
 
 /* Writing to the stream adds a line to fake.log. */
 static ssize_t note_write(void *sink, const char *text, size_t size)
 {
-    note(static_cast<const char *>(sink) + std::string(text, size));
+    const std::string line(text, size), name = static_cast<const char *>(sink);
+    const size_t start = name == "F" ? line.find(' ', line.find(" : ") + 3) + 1 : 0;
+    note(line.substr(start), name, line.substr(0, start));
     return static_cast<ssize_t>(size);
 }
 
@@ -74,13 +89,13 @@ static int note_history(uint32_t event_class, uint32_t length, const void *recor
     EXPECT_EQ(std::string(bytes, 4), std::string("\x65\0\0\0", 4));
     EXPECT_EQ(length, 4 + strlen(bytes + 4) + 1);
     EXPECT_LE(length, 516u);
-    note(std::string("H ") + (bytes + 4));
+    note(bytes + 4, "H");
     return -1; /* the library ignores the result */
 }
 
 static int note_debug(const char *text, size_t length)
 {
-    note("B " + std::string(text, length));
+    note({text, length}, "B");
     return -1;
 }
 
@@ -159,11 +174,11 @@ class world_test : public testing::Test
             std::tuple(running_jobs, cache_initialised, blocking_timeout, cache_timeout, async_queue);
         std::tie(running_jobs, cache_initialised, blocking_timeout, cache_timeout, async_queue) = at_start;
         local_cache = job_list = nullptr;
-        log_file = noting_stream("F ", _IOFBF);
+        log_file = noting_stream("F", _IOFBF);
         memset(file_name, 0, sizeof file_name);
         signal(SIGCHLD, SIG_DFL);
         real_stdout = stdout;
-        stdout = noting_stream("P ", _IONBF);
+        stdout = noting_stream("P", _IONBF);
     }
 
     void TearDown() override
@@ -292,7 +307,7 @@ FILE *__wrap_fopen(const char *path, const char *mode)
     if (strncmp(path, "/tmp/dnscache.log.", 18) != 0)
         return __real_fopen(path, mode);
     note(std::string("fopen ") + path + " " + mode);
-    return fake.fopen_fails ? nullptr : noting_stream("F ", _IOFBF);
+    return fake.fopen_fails ? nullptr : noting_stream("F", _IOFBF);
 }
 
 pid_t __wrap_waitpid(pid_t pid, int *status, int)
