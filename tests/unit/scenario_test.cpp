@@ -548,7 +548,7 @@ static const command_map calls = {
     {"prepend-null", prepend_null},
     {"resolve", run_job},
     {"display", [](const command &c) { make_record(c), server_spawnlet_data_display(&record); }},
-    {"display-null", [](const command &) { display_ip_addrs(nullptr); }},
+    {"ip_addrs", [](const command &c) { display_ip_addrs(c.words.size() > 1 ? nullptr : &stale); }},
     {"sockaddr", display_address},
     {"in_addr", find_address},
     {"init",
