@@ -4,14 +4,10 @@
  */
 #include <fcntl.h>
 #include <malloc.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
-#include <set>
 #include <sstream>
 
 #include "dnscache/dnscache.h"
@@ -38,12 +34,18 @@ static int look_up(const char *name)
     return result;
 }
 
-/* Waits until at most that many children remain, and the job service has released what it held for the others. */
-static bool children_left(long count)
+static size_t children()
 {
-    return eventually([count] {
+    const std::string pids = content_of("/proc/thread-self/children");
+    return static_cast<size_t>(std::ranges::count(pids, ' '));
+}
+
+/* Waits until at most that many children remain, and the job service has released what it held for the others. */
+static bool children_left(size_t most)
+{
+    return eventually([most] {
         linux_completion none;
-        const bool is_reached = std::ranges::count(content_of("/proc/thread-self/children"), ' ') <= count;
+        const bool is_reached = children() <= most;
         linux_queue_next(the_queue, &none);
         return is_reached;
     });
@@ -70,57 +72,8 @@ static std::string own_log()
     return "/tmp/dnscache.log." + std::to_string(getpid() & 0xffff);
 }
 
-/*
- * Hygiene: the rows that are measured here must equal those in docs/hygiene.md. A change of the signal mask or of the
- * umask would appear in the column "signals".
- */
+/* Hygiene: the rows that are measured here must equal those in docs/hygiene.md. */
 
-using contents = std::set<std::string>;
-using snapshot = std::array<contents, 4>;
-
-static snapshot take_snapshot(int error)
-{
-    contents state, descriptors;
-    std::istringstream status(content_of("/proc/self/status"));
-    for (std::string line; std::getline(status, line);)
-        if (strstr("SigBlk SigIgn SigCgt Umask", line.substr(0, line.find(':')).c_str()) != nullptr)
-            state.insert(line);
-    struct sigaction action;
-    sigaction(SIGCHLD, nullptr, &action);
-    if (action.sa_handler == SIG_IGN &&
-        std::erase_if(state, [](auto &line) { return line.starts_with("SigIgn"); }))
-        state.insert("SIGCHLD ignored");
-    for (const int fd : open_descriptors())
-        descriptors.insert(((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0 ? "without close-on-exec: " : "") +
-                           std::to_string(fd) +
-                           std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
-    std::ifstream children("/proc/thread-self/children");
-    return {state, descriptors, {std::istream_iterator<std::string>(children), {}}, {std::to_string(error)}};
-}
-
-static std::string difference(const contents &before, const contents &after)
-{
-    contents more, fewer;
-    std::ranges::set_difference(after, before, std::inserter(more, more.end()));
-    std::ranges::set_difference(before, after, std::inserter(fewer, fewer.end()));
-    if (more.empty() && fewer.empty())
-        return "-";
-    if (!more.empty() && isalpha(more.rbegin()->front()))
-        return *more.rbegin();
-    return (more.empty() ? "" : "+" + std::to_string(more.size())) +
-           (fewer.empty() ? "" : "-" + std::to_string(fewer.size()));
-}
-
-static void cache_one()
-{
-    init();
-    look_up("pair.test");
-    signal(SIGCHLD, SIG_DFL);
-}
-
-static struct addrinfo hints, *chain;
-static server_spawnlet_data_t record;
-static server_addr_info request = {.serv_name = "nosuch.test"};
 static linux_completion completion;
 static size_t count;
 
@@ -128,26 +81,12 @@ static const struct row {
     const char *call;
     void (*make)();
     void (*prepare)() = init;
-    long children_after = 0;
+    size_t children_after = 0;
 } rows[] = {
     {"getaddrinfo_async_mq3: a miss", [] { look_up("pair.test"); }},
     {"getaddrinfo_async_mq3: -3, while the job runs", [] { look_up("stuck.test"); }, init, 1},
-    {"dns_cache_init: no queue", [] { dns_cache_init(4000, 1); }, [] {}},
-    {"dnscache_spawnletcb_job_done", [] { dnscache_spawnletcb_job_done(1, 0, &record, sizeof record, 0); }},
-    {"check_local_cache", [] { check_local_cache(local_cache, "pair.test:123:0", &chain); }, cache_one},
-    {"refresh_dns_cache", refresh_dns_cache, cache_one},
     {"add_entry_to_dns_cache: while the job runs",
      [] { add_entry_to_dns_cache("stuck.test", 123, 0, nullptr); }, init, 1},
-    {"remove_old_entries_from_local_cache", remove_old_entries_from_local_cache, cache_one},
-    {"remove_entry_from_dns_cache", [] { remove_entry_from_dns_cache("pair.test"); }, cache_one},
-    {"g_list_check_and_prepend", [] { g_list_check_and_prepend(&local_cache, malloc(1), 10); }},
-    {"resolve_server_hostname", [] { resolve_server_hostname(&request); }},
-    {"get_res_back", [] { get_res_back(&record, &chain); }},
-    {"server_spawnlet_data_display", [] { server_spawnlet_data_display(&record); }},
-    {"display_ip_addrs", [] { display_ip_addrs(&hints); }},
-    {"display_sockaddr", [] { display_sockaddr(reinterpret_cast<struct sockaddr *>(&record)); }},
-    {"get_sock_in_addr", [] { get_sock_in_addr(nullptr); }},
-    {"dnscache_wait_for_child: not a child of the process", [] { dnscache_wait_for_child(1); }},
     {"any call that traces: the first while the debug log is on", [] { get_sock_in_addr(nullptr); },
      [] { init(), log_is_switched_on = true; }},
     {"linux_queue_create", [] { linux_queue_create(); }},
@@ -157,10 +96,28 @@ static const struct row {
     {"linux_vrf_check", [] { linux_vrf_check(0, nullptr, 0); }},
 };
 
+/* How the process handles signals, and its umask */
+static std::string signals()
+{
+    std::string found;
+    std::istringstream status(content_of("/proc/self/status"));
+    for (std::string line; std::getline(status, line);)
+        if (strstr("SigBlk SigIgn SigCgt Umask", line.substr(0, line.find(':')).c_str()) != nullptr)
+            found += line + "\n";
+    return found;
+}
+
+static std::string change(size_t before, size_t after)
+{
+    const std::string difference = std::to_string(static_cast<long>(after - before));
+    return (after == before ? "-" : after > before ? "+" + difference : difference) + " | ";
+}
+
 /* Values that are not the defaults show a reset to the default, too. */
-static std::string line_of(const row &row)
+static void expect_in_manual(const row &row)
 {
     sigset_t blocked;
+    struct sigaction sigchld;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR2);
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
@@ -169,28 +126,33 @@ static std::string line_of(const row &row)
     umask(027);
     row.prepare();
     EXPECT_TRUE(children_left(0));
-    const snapshot before = take_snapshot(4242);
+    for (const int fd : open_descriptors())
+        fcntl(fd, F_SETFD, FD_CLOEXEC);
+    const std::string signals_before = signals();
+    const size_t descriptors = open_descriptors().size();
     errno = 4242;
     row.make();
-    const int error = errno;
+    EXPECT_EQ(errno, 4242);
     EXPECT_TRUE(children_left(row.children_after));
-    const snapshot after = take_snapshot(error);
-    std::string line = std::string("\n| ") + row.call + " |";
-    for (const size_t i : {0u, 4u, 4u, 1u, 2u, 4u, 4u, 4u, 3u}) /* 4: not measured on its own */
-        line += " " + (i == 4 ? "-" : difference(before[i], after[i])) + " |";
-    return line + "\n";
+    sigaction(SIGCHLD, nullptr, &sigchld);
+    const bool ignores_sigchld = sigchld.sa_handler == SIG_IGN;
+    if (ignores_sigchld)
+        signal(SIGCHLD, SIG_DFL);
+    EXPECT_EQ(signals(), signals_before);
+    for (const int fd : open_descriptors())
+        EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << fd;
+    const std::string line =
+        std::string("\n| ") + row.call + (ignores_sigchld ? " | SIGCHLD ignored" : " | -") + " | - | - | " +
+        change(descriptors, open_descriptors().size()) + change(0, children()) + "- | - | - | - |\n";
+    const std::string manual = content_of(HYGIENE);
+    EXPECT_NE(manual.find(line), manual.npos) << line;
 }
 
 TEST(HostProcess, ChangesAreThoseInTheHygieneTable)
 {
-    const std::string manual = content_of(HYGIENE);
     const std::string log = own_log();
     for (const row &row : rows)
-        EXPECT_TRUE(in_its_own_process([&] {
-            const std::string line = line_of(row);
-            EXPECT_NE(manual.find(line), manual.npos) << line;
-            return !HasFailure();
-        }));
+        alone([&row] { expect_in_manual(row); });
     remove(log.c_str());
 }
 
@@ -214,20 +176,21 @@ static void serve(int hits, int misses)
 
 TEST(RealJobs, LeakNothingInTheHost)
 {
-    EXPECT_TRUE(in_its_own_process([] {
+    alone([] {
         init();
         freopen("/dev/null", "w", stdout);
         const size_t held = open_descriptors().size();
         serve(1000, 100); /* allocates buffers that remain */
         const size_t memory = mallinfo2().uordblks;
         serve(repetitions(100'000), repetitions(4'000)); /* half of the misses in the background */
-        return !HasFailure() && open_descriptors().size() == held && mallinfo2().uordblks < memory + 4096;
-    }));
+        EXPECT_EQ(open_descriptors().size(), held);
+        EXPECT_LT(mallinfo2().uordblks, memory + 4096);
+    });
 }
 
 TEST(RealJobs, EachJobDeliversExactlyOneCompletion)
 {
-    EXPECT_TRUE(in_its_own_process([] {
+    alone([] {
         init();
         const size_t descriptors = open_descriptors().size();
         const int jobs = repetitions(1000);
@@ -239,13 +202,10 @@ TEST(RealJobs, EachJobDeliversExactlyOneCompletion)
             for (; started < jobs && running.size() < MAX_SPAWNLETS; started++) {
                 signal(SIGCHLD, started / 100 % 2 == 0 ? SIG_DFL : SIG_IGN);
                 const job_way &way = job_ways()[static_cast<size_t>(started) % job_ways().size()];
-                const uint32_t handle =
-                    start_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20);
-                EXPECT_TRUE(running.emplace(handle, &way).second);
+                running[start_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20)] = &way;
             }
             const linux_completion done = next_completion(the_queue);
-            if (running.count(done.handle) != 1)
-                return false;
+            ASSERT_EQ(running.count(done.handle), 1u);
             const job_way &way = *running[done.handle];
             EXPECT_EQ(done.syserr, way.code);
             EXPECT_EQ(done.ret_syserr, way.result);
@@ -257,8 +217,7 @@ TEST(RealJobs, EachJobDeliversExactlyOneCompletion)
         kill(copy, SIGKILL);
         waitpid(copy, nullptr, 0);
         EXPECT_EQ(open_descriptors().size(), descriptors);
-        return !HasFailure();
-    }));
+    });
 }
 
 /* The debug log in a hostile environment: a world-writable folder, a size limit, no standard streams */
@@ -292,10 +251,10 @@ TEST(Surroundings, PlantedLogFileIsNotUsed)
         if (needs_root && geteuid() != 0)
             continue;
         ASSERT_TRUE(shell("rm -rf $log && : > $target && " + std::string(plant)));
-        EXPECT_TRUE(in_its_own_process([] {
+        alone([] {
             alarm(20); /* opening a FIFO waits for a reader */
-            return !traces();
-        }));
+            EXPECT_FALSE(traces());
+        });
         EXPECT_TRUE(shell("test ! -s $target -a ! -e /tmp/nowhere.$PPID && rm -r $target $log"));
     }
 }
@@ -304,27 +263,27 @@ TEST(Surroundings, LogIsAppendedToAndKeptOffDescriptors0To2)
 {
     ASSERT_TRUE(shell("rm -rf $log"));
     for (int line = 0; line < 2; line++)
-        EXPECT_TRUE(in_its_own_process([] {
+        alone([] {
             close(STDIN_FILENO);
             close(STDOUT_FILENO);
-            return traces() && fileno(log_file) > STDERR_FILENO && fcntl(STDIN_FILENO, F_GETFD) < 0 &&
-                   fcntl(STDOUT_FILENO, F_GETFD) < 0;
-        }));
+            EXPECT_TRUE(traces() && fileno(log_file) > STDERR_FILENO);
+            EXPECT_TRUE(fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(STDOUT_FILENO, F_GETFD) < 0);
+        });
     EXPECT_TRUE(shell("test $(wc -l < $log) = 2 && rm $log"));
 }
 
 TEST(Surroundings, FileSizeLimitOnlyLosesLogText)
 {
     const std::string log = own_log();
-    EXPECT_TRUE(in_its_own_process([&] {
+    alone([&] {
         const struct rlimit limit = {200, 200};
         setrlimit(RLIMIT_FSIZE, &limit);
         freopen("/dev/null", "w", stdout);
         for (int i = 0; i < 20; i++)
             traces();
-        return content_of(log).size() == 200 && truncate(file_name, 0) == 0 && traces() &&
-               !content_of(log).empty();
-    }));
+        EXPECT_EQ(content_of(log).size(), 200u);
+        EXPECT_TRUE(truncate(file_name, 0) == 0 && traces() && !content_of(log).empty());
+    });
     remove(log.c_str());
 }
 
@@ -335,9 +294,8 @@ TEST(Surroundings, NoLogWhereOthersCouldReplaceIt)
     const std::pair<const char *, bool> cases[] = {
         {"mode=0755", true}, {"mode=0777", false}, {"mode=0775", false}, {"uid=65534", false}};
     for (const auto &[options, is_safe] : cases)
-        EXPECT_TRUE(in_its_own_process([options = options, is_safe = is_safe] {
-            return unshare(CLONE_NEWNS) == 0 &&
-                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   mount("none", "/tmp", "tmpfs", 0, options) == 0 && traces() == is_safe;
-        })) << options;
+        alone([options = options, is_safe = is_safe] {
+            ASSERT_TRUE(has_own_mounts() && mount("none", "/tmp", "tmpfs", 0, options) == 0);
+            EXPECT_EQ(traces(), is_safe) << options;
+        });
 }

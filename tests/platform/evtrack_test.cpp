@@ -20,7 +20,7 @@ static std::string next_text(uint64_t *cursor, linux_history_record *entry)
 /* In its own process, because the history cannot be emptied. */
 TEST(Evtrack, HistoryKeepsTheLatestRecordsOfAllProcesses)
 {
-    EXPECT_TRUE(in_its_own_process([] {
+    alone([] {
         uint64_t cursor = 0;
         linux_history_record entry;
         EXPECT_NE(evtrack_hist_event_subtype_check(0x730000, 101), 0);
@@ -45,13 +45,12 @@ TEST(Evtrack, HistoryKeepsTheLatestRecordsOfAllProcesses)
         record(std::string(600, 'x'));
         EXPECT_EQ(next_text(&cursor, &entry), std::string(LINUX_HISTORY_BYTES - 5, 'x'));
         EXPECT_EQ(entry.length, uint32_t{LINUX_HISTORY_BYTES});
-        return !testing::Test::HasFailure();
-    }));
+    });
 }
 
 TEST(Evtrack, DebugPrintWritesOneLinePerMessageIfThereIsAReader)
 {
-    EXPECT_TRUE(in_its_own_process([] {
+    alone([] {
         EXPECT_EQ(evtrack_chk_int(101, 0, 0, 1), 0);
         linux_debug_enable(1);
         EXPECT_NE(evtrack_chk_int(101, 0, 0, 1), 0);
@@ -71,6 +70,5 @@ TEST(Evtrack, DebugPrintWritesOneLinePerMessageIfThereIsAReader)
         EXPECT_EQ(platmgr_partition_get(), 0u);
         linux_partition_set(70000);
         EXPECT_EQ(platmgr_partition_get(), 70000u);
-        return !testing::Test::HasFailure();
-    }));
+    });
 }

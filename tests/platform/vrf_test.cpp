@@ -1,6 +1,4 @@
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include <filesystem>
@@ -24,7 +22,7 @@ TEST(VrfNscd, ForgetsOnlySharedTables)
 {
     std::string top = std::filesystem::temp_directory_path() / "dnscache-test-XXXXXX";
     ASSERT_NE(mkdtemp(top.data()), nullptr);
-    EXPECT_TRUE(in_its_own_process([&] {
+    alone([&] {
         std::string too_long = top;
         for (int i = 0; i < 9; i++)
             too_long += "/" + std::string(250, '\n'); /* the kernel writes each as four characters */
@@ -37,19 +35,21 @@ TEST(VrfNscd, ForgetsOnlySharedTables)
         }
         /* The last mapping is listed first. */
         mappings.emplace_back(map_file(too_long, MAP_SHARED), "answers");
-        if (vrf_forget_nscd() != 0)
-            return false;
+        EXPECT_EQ(vrf_forget_nscd(), 0);
         for (const auto &[mapping, text] : mappings)
-            if (mapping == nullptr || strcmp(mapping, text) != 0)
-                return false;
+            EXPECT_STREQ(mapping, text);
         /* If tables may remain, binding fails, and so does leaving every network after that. */
         const struct rlimit none = {0, 0};
         map_file(top + "/nscd", MAP_SHARED);
-        if (setrlimit(RLIMIT_AS, &none) != 0 || vrf_forget_nscd() != ENOMEM ||
-            setrlimit(RLIMIT_NOFILE, &none) != 0 || vrf_forget_nscd() != EMFILE)
-            return false;
-        return !in_its_own_process([] { return nsbind_set_global_context(-1) != 0; });
-    }));
+        setrlimit(RLIMIT_AS, &none);
+        EXPECT_EQ(vrf_forget_nscd(), ENOMEM);
+        setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_EQ(vrf_forget_nscd(), EMFILE);
+        if (fork() == 0)
+            _exit(nsbind_set_global_context(-1) != 0 ? 0 : 1);
+        int status = 0;
+        EXPECT_TRUE(wait(&status) > 0 && status != 0);
+    });
     std::filesystem::remove_all(top);
 }
 
@@ -57,17 +57,17 @@ TEST(Vrf, ListingAndBindingLeakNoDescriptor)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "mounting needs root";
-    EXPECT_TRUE(in_its_own_process([] {
-        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("none", "/run", "tmpfs", 0, nullptr) != 0 ||
-            mount("none", "/etc", "tmpfs", 0, nullptr) != 0)
-            return false;
+    alone([] {
+        ASSERT_TRUE(has_own_mounts() && mount("none", "/run", "tmpfs", 0, nullptr) == 0);
+        ASSERT_EQ(mount("none", "/etc", "tmpfs", 0, nullptr), 0);
         std::filesystem::create_directory(LINUX_VRF_NAMESPACES);
         std::filesystem::create_symlink("/proc/self/ns/net", LINUX_VRF_NAMESPACES "/vrf5");
         const size_t before = open_descriptors().size();
         size_t count = 0;
         const linux_vrf *list = linux_vrf_list(&count);
-        return count > 1 && list[1].vrf == 5 && list[1].kind == LINUX_VRF_NAMESPACE &&
-               nsbind_set_global_context(5) == 0 && open_descriptors().size() == before;
-    }));
+        ASSERT_EQ(count, 2u);
+        EXPECT_TRUE(list[1].vrf == 5 && list[1].kind == LINUX_VRF_NAMESPACE);
+        EXPECT_EQ(nsbind_set_global_context(5), 0);
+        EXPECT_EQ(open_descriptors().size(), before);
+    });
 }
