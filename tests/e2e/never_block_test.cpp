@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 
 #include "tests/support/laboratory.h"
 
@@ -16,7 +17,7 @@ static constexpr long ALLOWED_MS = BLOCKING_SECONDS * 1000 + 250;
 static constexpr int SHORTEST_WAIT_MS = 2900;
 static constexpr int LONGEST_JOB_MS = 6000; /* for jobs that end by themselves */
 
-enum { NO_REPLY = -1, NO_SERVER = -2 };
+static constexpr int NO_REPLY = -1;
 
 /* What a server does to a reply that is correct */
 static void keep(std::string &) {}
@@ -43,7 +44,6 @@ static const struct fault {
     {"truncated, then silent", 0, true, false, truncate, true},
     {"SERVFAIL", 0, false, false, [](auto &reply) { reply[3] = '\x82'; }},
     {"wrong id", 0, true, false, [](auto &reply) { reply[0] ^= '\xff'; }},
-    {"port unreachable", NO_SERVER, false, false},
 };
 
 /* The name server: the address of any name is 192.0.2.1, and it has no IPv6 address. */
@@ -82,12 +82,9 @@ static std::string reply_to(const std::string &query, const fault &fault)
 
 static int open_port(int type)
 {
-    struct sockaddr_in port = {};
-    port.sin_family = AF_INET;
-    port.sin_port = htons(53);
+    const struct sockaddr_in port = {.sin_family = AF_INET, .sin_port = htons(53)};
     const int fd = socket(AF_INET, type, 0);
-    EXPECT_EQ(bind(fd, reinterpret_cast<struct sockaddr *>(&port), sizeof port), 0);
-    EXPECT_TRUE(type == SOCK_DGRAM || listen(fd, 5) == 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const struct sockaddr *>(&port), sizeof port), 0);
     return fd;
 }
 
@@ -95,53 +92,32 @@ static void start_server(const std::string &vrf, const fault &fault)
 {
     const int host_net = open("/proc/self/ns/net", O_RDONLY);
     ASSERT_EQ(setns(open(("/run/netns/" + vrf).c_str(), O_RDONLY), CLONE_NEWNET), 0);
-    const int server = fault.delay_ms != NO_SERVER ? open_port(SOCK_DGRAM) : -1;
-    if (fault.has_silent_tcp)
-        open_port(SOCK_STREAM);
+    const int server = open_port(SOCK_DGRAM);
+    EXPECT_TRUE(!fault.has_silent_tcp || listen(open_port(SOCK_STREAM), 5) == 0);
     ASSERT_EQ(setns(host_net, CLONE_NEWNET), 0);
-    if (server >= 0 && fork() == 0)
+    if (fork() == 0)
         serve(server, fault);
 }
 
 /* The daemon */
 
-static struct column {
-    const char *call;
-    long longest_ms;
-} columns[] = {
-    {"getaddrinfo_async_mq3", 0},
-    {"the same, job running", 0},
-    {"add_entry_to_dns_cache", 0},
-    {"linux_queue_next", 0},
-    {"dnscache_spawnletcb_job_done", 0},
-    {"check_local_cache", 0},
-    {"refresh_dns_cache", 0},
-    {"remove_old_entries_from_local_cache", 0},
-    {"remove_entry_from_dns_cache", 0},
-};
+/* Inside each call; completions are taken only if jobs end. */
+static std::map<std::string, long> longest_ms = {{"linux_queue_dispatch", 0}};
 
 static void timed(const std::string &name, const std::function<void()> &call)
 {
     const auto start = std::chrono::steady_clock::now();
     call();
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
-    const auto is_same = [&name](const column &column) { return column.call == name; };
-    long &longest = std::find_if(std::begin(columns), std::end(columns), is_same)->longest_ms;
-    longest = std::max(longest, static_cast<long>(took.count()));
-    EXPECT_LE(longest, ALLOWED_MS) << name;
+    longest_ms[name] = std::max(longest_ms[name], static_cast<long>(took.count()));
+    EXPECT_LE(longest_ms[name], ALLOWED_MS) << name;
 }
 
 static void complete_jobs(uint32_t queue)
 {
-    while (running_jobs > 0 && becomes_readable(queue, LONGEST_JOB_MS)) {
-        linux_completion done = {};
-        timed("linux_queue_next", [&] { linux_queue_next(queue, &done); });
-        if (done.handle != 0)
-            timed("dnscache_spawnletcb_job_done", [&] {
-                dnscache_spawnletcb_job_done(done.handle, done.syserr, done.ret_info, done.ret_info_size,
-                                             done.ret_syserr);
-            });
-    }
+    while (running_jobs > 0 && becomes_readable(queue, LONGEST_JOB_MS))
+        timed("linux_queue_dispatch",
+              [queue] { linux_queue_dispatch(queue, dnscache_spawnletcb_job_done, nullptr, nullptr); });
 }
 
 static void call_all(const fault &fault, int vrf)
@@ -151,12 +127,13 @@ static void call_all(const fault &fault, int vrf)
     std::string last;
     dns_cache_init(queue, BLOCKING_SECONDS);
     timed("getaddrinfo_async_mq3", [&] { look_up("time.lab", vrf); });
-    timed("the same, job running", [&] { look_up("time.lab", vrf); });
+    timed("getaddrinfo_async_mq3, job running", [&] { look_up("time.lab", vrf); });
     timed("add_entry_to_dns_cache", [&] { add_entry_to_dns_cache("other.lab", 123, vrf, &hints); });
     complete_jobs(queue);
     timed("getaddrinfo_async_mq3", [&] { last = look_up("time.lab", vrf); });
     EXPECT_EQ(last == "192.0.2.1", fault.resolves) << last;
-    EXPECT_EQ(columns[0].longest_ms >= SHORTEST_WAIT_MS, fault.is_slow) << "fault had no effect";
+    EXPECT_EQ(longest_ms["getaddrinfo_async_mq3"] >= SHORTEST_WAIT_MS, fault.is_slow)
+        << "fault had no effect";
     look_up("kept.lab", 0);
     dns_cache_set_timeout(-1); /* every record has expired */
     const int before = running_jobs;
@@ -174,10 +151,10 @@ static void call_all(const fault &fault, int vrf)
 static void print_row(const fault &fault)
 {
     std::string names = "| fault |", line = "\n|---|", row = std::string("| ") + fault.name + " |";
-    for (const column &column : columns) {
-        names += std::string(" ") + column.call + " |";
+    for (const auto &[call, ms] : longest_ms) {
+        names += " " + call + " |";
         line += "--:|";
-        row += " " + std::to_string(column.longest_ms) + " |";
+        row += " " + std::to_string(ms) + " |";
     }
     puts(((&fault == faults ? names + line + "\n" : "") + row).c_str());
 }
@@ -202,12 +179,10 @@ TEST(NeverBlock, EveryCallIsBoundedUnderEveryFault)
         }
         vrf++;
     }
-    int failures = 0;
     for (const pid_t daemon : daemons) {
         int status = -1;
         waitpid(daemon, &status, 0);
-        failures += status != 0;
+        EXPECT_EQ(status, 0);
     }
     EXPECT_TRUE(shell("grep -hE -A5 '^[|]|: Failure$' /run/never_block.*"));
-    EXPECT_EQ(failures, 0);
 }

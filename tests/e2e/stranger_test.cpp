@@ -81,5 +81,5 @@ static void replace_children_of_jobs()
 
 TEST(Strangers, WithReusedPidsAreNeverSignalled)
 {
-    EXPECT_TRUE(in_its_own_process([] { return replace_children_of_jobs(), !HasFailure(); }));
+    alone(replace_children_of_jobs);
 }
