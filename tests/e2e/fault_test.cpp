@@ -13,6 +13,7 @@
 #include "tests/support/laboratory.h"
 
 static constexpr int SHORT = -1;
+static constexpr rlim_t ENOUGH_FILES = 1024;
 
 /* The planned fault, in memory shared with the jobs. */
 static struct fault_plan {
@@ -74,20 +75,6 @@ static long fault(Real *real, const char *call, long failure, std::array<long, 6
 #include "tests/e2e/faulty_calls.def"
 #undef FAULTY
 
-/* The test's own memory: it must not run out when malloc() fails. */
-alignas(16) static char arena[64 << 20];
-static size_t arena_used;
-
-void *operator new(size_t size)
-{
-    const size_t at = arena_used;
-    arena_used += (size + 15) & ~size_t{15};
-    return arena_used <= sizeof arena ? arena + at : nullptr;
-}
-
-void operator delete(void *) noexcept {}
-void operator delete(void *, size_t) noexcept {}
-
 /* One run of a daemon, in its own process, which exits where a requirement is not met. */
 
 static void require(bool condition, int line = __builtin_LINE())
@@ -144,9 +131,7 @@ static bool is_as_before(uint32_t queue, size_t descriptors)
 
 static void limit_files(rlim_t most)
 {
-    struct rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = std::min(most, limit.rlim_max);
+    const struct rlimit limit = {most, ENOUGH_FILES};
     require(setrlimit(RLIMIT_NOFILE, &limit) == 0);
 }
 
@@ -180,7 +165,7 @@ static void run_daemon(int vrf)
     require(local_cache == nullptr);
     take_completions(queue);
     plan->countdown = 0;
-    limit_files(RLIM_INFINITY);
+    limit_files(ENOUGH_FILES);
     require(linux_history_enable(1) == 0);
     if (try_to_look_up("two.lab", vrf) == "(-3)") /* the machine is busy */
         take_completions(queue);
@@ -202,12 +187,11 @@ static void expect_daemon_survives(const fault_plan &planned)
     *plan = planned;
     /* Each daemon must create its own groups and load programs. */
     shell("echo of VRF 1 > /etc/netns/vrf1/hostname; rmdir /sys/fs/cgroup/vrf/* 2> /dev/null");
-    EXPECT_TRUE(in_its_own_process([&] {
+    alone([&] {
         alarm(20);
         freopen("/dev/null", "w", stdout);
         run_daemon(planned.vrf);
-        return true;
-    }));
+    });
 }
 
 /* Short transfers, and EINTR of calls that are retried, must not fail a lookup. */
@@ -219,7 +203,7 @@ static bool is_retried(const std::string &call, int error)
 /* Returns the number of places at which the call has failed. */
 static int sweep(const char *call, int error, int vrf)
 {
-    fault_plan planned = {.error = error, .vrf = vrf, .countdown = 1, .files = RLIM_INFINITY};
+    fault_plan planned = {.error = error, .vrf = vrf, .countdown = 1, .files = ENOUGH_FILES};
     snprintf(planned.call, sizeof planned.call, "%s", call);
     for (;; planned.countdown++) {
         expect_daemon_survives(planned);

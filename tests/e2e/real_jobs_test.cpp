@@ -7,7 +7,6 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <map>
 #include <sstream>
 
 #include "dnscache/dnscache.h"
@@ -185,38 +184,6 @@ TEST(RealJobs, LeakNothingInTheHost)
         serve(repetitions(100'000), repetitions(4'000)); /* half of the misses in the background */
         EXPECT_EQ(open_descriptors().size(), held);
         EXPECT_LT(mallinfo2().uordblks, memory + 4096);
-    });
-}
-
-TEST(RealJobs, EachJobDeliversExactlyOneCompletion)
-{
-    alone([] {
-        init();
-        const size_t descriptors = open_descriptors().size();
-        const int jobs = repetitions(1000);
-        std::map<uint32_t, const job_way *> running;
-        pid_t copy = 0; /* a fork of the host, which shares its descriptors */
-        for (int started = 0, ended = 0; ended < jobs; ended++) {
-            if (copy == 0 && ended > 10 && (copy = fork()) == 0)
-                _exit(pause());
-            for (; started < jobs && running.size() < MAX_SPAWNLETS; started++) {
-                signal(SIGCHLD, started / 100 % 2 == 0 ? SIG_DFL : SIG_IGN);
-                const job_way &way = job_ways()[static_cast<size_t>(started) % job_ways().size()];
-                running[start_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20)] = &way;
-            }
-            const linux_completion done = next_completion(the_queue);
-            ASSERT_EQ(running.count(done.handle), 1u);
-            const job_way &way = *running[done.handle];
-            EXPECT_EQ(done.syserr, way.code);
-            EXPECT_EQ(done.ret_syserr, way.result);
-            EXPECT_EQ(done.ret_info_size, way.size);
-            running.erase(done.handle);
-        }
-        EXPECT_TRUE(children_left(1));
-        EXPECT_FALSE(becomes_readable(the_queue, 0));
-        kill(copy, SIGKILL);
-        waitpid(copy, nullptr, 0);
-        EXPECT_EQ(open_descriptors().size(), descriptors);
     });
 }
 

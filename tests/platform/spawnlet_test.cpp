@@ -24,16 +24,30 @@ static uint32_t start_code(uint32_t *handle)
 
 static constexpr clock_t SPIN = CLOCKS_PER_SEC / 10; /* processor time that no waiting takes */
 
+/* Each job is run twice, blocking and in the background, while a fork of the host shares its descriptors. */
 TEST(Spawnlet, ReportsResultOrErrorOfTheChild)
 {
-    for (const job_way &way : job_ways()) {
-        const clock_t used = clock();
-        const job_report report = run_job(way.body, way.arg, way.code == LINUX_JOB_TIMED_OUT ? 1 : 20);
-        EXPECT_EQ(report.code, way.code);
-        EXPECT_EQ(report.result, way.result);
-        EXPECT_EQ(report.buffer.size(), way.size);
-        EXPECT_TRUE(way.code != LINUX_JOB_TIMED_OUT || clock() - used < SPIN);
-    }
+    alone([] {
+        const uint32_t queue = new_queue();
+        const pid_t copy = fork();
+        if (copy == 0)
+            _exit(pause());
+        for (const job_way &way : job_ways()) {
+            const int32_t seconds = way.code == LINUX_JOB_TIMED_OUT ? 1 : 20;
+            const clock_t used = clock();
+            const uint32_t handle = start_job(way.body, way.arg, seconds);
+            const job_report report = run_job(way.body, way.arg, seconds);
+            EXPECT_EQ(report.code, way.code);
+            EXPECT_EQ(report.result, way.result);
+            EXPECT_EQ(report.buffer.size(), way.size);
+            const linux_completion done = next_completion(queue);
+            EXPECT_TRUE(done.handle == handle && done.syserr == way.code && done.ret_syserr == way.result);
+            EXPECT_EQ(done.ret_info_size, way.size);
+            EXPECT_FALSE(becomes_readable(queue, 0));
+            EXPECT_TRUE(way.code != LINUX_JOB_TIMED_OUT || clock() - used < SPIN);
+        }
+        kill(copy, SIGKILL);
+    });
 }
 
 TEST(Spawnlet, RefusesBadArgumentsAndProcessesBeyondTheLimit)
