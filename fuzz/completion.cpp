@@ -3,8 +3,6 @@
  * each, the input holds eight bytes of settings and a record, or only settings, which reuse the previous record.
  * decode.cpp checks what the chains contain.
  */
-#include <vector>
-
 #include "dnscache/dnscache.h"
 #include "dnscache/state.h"
 #include "fuzz/fuzz.h"
@@ -68,22 +66,7 @@ static void complete_and_look_up(const settings &settings, uint32_t handle, serv
     check_state();
 }
 
-static void maintain(unsigned steps, const char *name)
-{
-    if ((steps & 1) != 0)
-        refresh_dns_cache();
-    if ((steps & 2) != 0)
-        remove_old_entries_from_local_cache();
-    if ((steps & 4) != 0)
-        remove_entry_from_dns_cache(name);
-    for (int i = running_jobs; (steps & 8) != 0 && i > 0; i--) {
-        const auto *job = static_cast<const server_addr_info *>(job_list->data);
-        dnscache_spawnletcb_job_done(job->job_handle, 0x501, nullptr, 0, 0);
-    }
-    check_state();
-}
-
-void run_input(bytes_view input)
+static void run_input(bytes_view input)
 {
     destroy_dns_cache(local_cache);
     destroy_dns_cache(job_list);
@@ -104,6 +87,16 @@ void run_input(bytes_view input)
             record.serv_id[0] = record.serv_name[0] = static_cast<char>('0' + i);
         }
         record.serv_name[511] = '\0';
-        maintain(settings.then, record.serv_name);
+        if ((settings.then & 1) != 0)
+            refresh_dns_cache();
+        if ((settings.then & 2) != 0)
+            remove_old_entries_from_local_cache();
+        if ((settings.then & 4) != 0)
+            remove_entry_from_dns_cache(record.serv_name);
+        for (int i = running_jobs; (settings.then & 8) != 0 && i > 0; i--) {
+            const auto *job = static_cast<const server_addr_info *>(job_list->data);
+            dnscache_spawnletcb_job_done(job->job_handle, 0x501, nullptr, 0, 0);
+        }
+        check_state();
     }
 }

@@ -3,7 +3,6 @@
  * follows. An empty input also decodes NULL.
  */
 #include <string>
-#include <vector>
 
 #include "dnscache/dnscache.h"
 #include "fuzz/fuzz.h"
@@ -20,7 +19,7 @@ static void check_node(const struct addrinfo &node, const server_spawnlet_data_t
     REQUIRE(node.ai_canonname == nullptr || (!name.empty() && node.ai_canonname == name));
 }
 
-void run_input(bytes_view input)
+static void run_input(bytes_view input)
 {
     struct addrinfo *chain = nullptr;
     REQUIRE(!input.empty() || get_res_back(nullptr, &chain) == -1);

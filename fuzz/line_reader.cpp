@@ -6,7 +6,6 @@
 #include <stdlib.h>
 
 #include <string>
-#include <vector>
 
 #include "fuzz/fuzz.h"
 
@@ -21,7 +20,7 @@ static void check_fields(char *line)
     REQUIRE(strlen(fields.service) <= 5 && atoi(fields.service) <= 65535 && fields.vrf >= 0);
 }
 
-void run_input(bytes_view input)
+static void run_input(bytes_view input)
 {
     std::vector<char> line(LINE_BYTES);
     /* A read error in a line */

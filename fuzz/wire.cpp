@@ -50,7 +50,7 @@ static void check_reader(bytes_view stream, size_t portion, int failing)
     wire_release(&reader);
 }
 
-void run_input(bytes_view input)
+static void run_input(bytes_view input)
 {
     const size_t portion = size_t{1} + take<uint8_t>(&input);
     const int failing = take<uint8_t>(&input);

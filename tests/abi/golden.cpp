@@ -1,8 +1,6 @@
-/* golden: write the records of a lookup that continues in the background to request.bin, options.bin and result.bin. */
-#include <err.h>
+/* golden: write the options, the request and the result of a lookup that continues in the background to standard error. */
 #include <netinet/in.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include "dnscache/dnscache.h"
 #include "platform/memory/memory_platform.h"
@@ -13,20 +11,14 @@ extern "C" time_t __wrap_time(time_t *)
     return 0x5a6b7c8d;
 }
 
-static void write_record(const char *name, const void *record, size_t size)
-{
-    FILE *file = fopen(name, "w");
-    if (file == nullptr || fwrite(record, 1, size, file) != size || fclose(file) != 0)
-        err(1, "%s", name);
-}
-
 static const void *request; /* gets its handle later */
 
 /* The last job that starts is the one in the background. */
 static uint32_t note_start(memory_job *job)
 {
     request = job->arg;
-    write_record("options.bin", job->options, sizeof *job->options);
+    if (job->in_background)
+        fwrite(job->options, sizeof *job->options, 1, stderr);
     return 0;
 }
 
@@ -43,10 +35,9 @@ int main()
     memory.vrfs = 0x10203;
     const uint32_t queue = memory_queue_create();
     dns_cache_init(queue, 0);
-    if (getaddrinfo_async_mq3("four.test", "8080", &hints, 0x10203, &found) != -3)
-        errx(1, "no job in the background");
-    write_record("request.bin", request, sizeof(server_addr_info));
+    getaddrinfo_async_mq3("four.test", "8080", &hints, 0x10203, &found);
+    fwrite(request, sizeof(server_addr_info), 1, stderr);
     memory_queue_next(queue, &done);
-    write_record("result.bin", done.ret_info, done.ret_info_size);
+    fwrite(done.ret_info, done.ret_info_size, 1, stderr);
     return 0;
 }

@@ -4,16 +4,10 @@
 # memory platform, RESOLVER the library that is preloaded into the example hosts.
 # shellcheck disable=SC2046,SC2086 # options are several words
 set -eu
-case=$1 build=$2 source=$3
+case=$1 build=$2 source=$3 host=
 pages=$source/docs/man
-# A build for a sysroot installs into the sysroot, because pkg-config puts the sysroot before all paths.
-place=${PKG_CONFIG_SYSROOT_DIR:-$build}/moved
-export PKG_CONFIG_PATH="$place/lib/pkgconfig"
-packages=$source/build/packages
-root=$build/packages-root
-host=
 work=$(mktemp -d)
-trap '[ -z "$host" ] || kill "$host" 2> /dev/null; rm -rf "$work"' EXIT
+trap 'kill "$host" 2> /dev/null || true; rm -rf "$work"' EXIT
 export LC_ALL=C
 unset DESTDIR
 [ -n "${PKG_CONFIG_LIBDIR:-}" ] || unset PKG_CONFIG_LIBDIR PKG_CONFIG_SYSROOT_DIR
@@ -34,10 +28,6 @@ declared() {
     sed -n 's/^[a-zG].*[ *]\([a-z_0-9]\{1,\}\)(.*/\1/p; s/^extern .*[ *]\([a-z_]*\)[;[].*/\1/p' | sort
 }
 
-exported() { # LIBRARY...
-    nm -D --defined-only "$@" | awk 'NF == 3 { print $3 }' | sort
-}
-
 # needs FILE LIBRARIES: the file needs exactly these libraries.
 needs() {
     needed=$(readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort | paste -sd ' ')
@@ -49,10 +39,8 @@ extract() {
     awk '/^```/ { inside = $0 == "```c"; next } inside' "$source/$1" > "$work/host.c"
 }
 
-compile() { # SOURCE PROGRAM OPTIONS...
-    from=$1 to=$2
-    shift 2
-    $CC -std=gnu11 -Wall -Wextra -Werror "$from" -o "$to" "$@"
+compile() { # ARGUMENTS...
+    $CC -std=gnu11 -Wall -Wextra -Werror "$@"
 }
 
 # answers PROGRAM [FOLDER]: it prints 127.0.0.1 for this name, among other text; its libraries are in FOLDER.
@@ -67,22 +55,6 @@ project() {
     { cmake -G Ninja -S "$source/tests/shipped/consumer" -B "$work/project" -DHOST="$work/host.c" "$@" &&
         cmake --build "$work/project" --target host static_host; } > "$work/log" 2>&1 || fail "$(cat "$work/log")"
     answers "$work/project/host"
-}
-
-# describe LIBRARY: its ABI, the same on every machine, without the members of records of GLib and libc.
-describe() {
-    abidw --exported-interfaces-only --drop-undefined-syms --no-architecture --no-corpus-path --no-comp-dir-path \
-        --no-elf-needed --no-parameter-names --type-id-style hash "$build/$1.so" > "$work/abidw"
-    awk '/<class-decl .*\/usr\/include\/.*[^\/]>$/ {
-             sub(/>$/, " is-declaration-only=\047yes\047/>"); sub(/ size-in-bits=[^ ]*/, ""); print; foreign = 1 }
-         !foreign
-         /<\/class-decl>/ { foreign = 0 }' "$work/abidw" |
-        sed -E "s/ (filepath|line|column)='[^']*'//g; s, path='$source/, path=',"
-}
-
-# kept LIBRARY: the path of its committed ABI, one file for each word size.
-kept() {
-    echo "$source/tests/abi/$1.$(readelf -h "$build/$1.so" | sed -n 's/.*Class: *ELF//p').abi"
 }
 
 # section PAGE HEADING: print a section as rendered.
@@ -102,10 +74,7 @@ run_host() {
     host=$!
     exec 3< "$work/lines"
     for expected; do
-        while read -r line <&3 || fail "$name: ended without printing: $expected"; do
-            echo "$line"
-            case $line in "$name: "*"$expected"*) break ;; esac
-        done
+        ! sed -u "/^$name: .*$expected/q 1" <&3 || fail "$name: ended without printing: $expected"
     done
     kill -s TERM "$host"
     stopped=$host host=
@@ -121,16 +90,16 @@ abi.exports)
         declared > "$work/declared"
     sed -n 's/^ \(.*\)@Base.*/\1/p' "$source/debian/libdnscache0.symbols" | sort > "$work/listed"
     same "$work/declared" "$work/listed"
-    exported "$build/libdnscache.so" "$build/libdnscache-linux.so" > "$work/exported"
-    same "$work/declared" "$work/exported"
     # A host that defines one of these names must not replace the library's own: except for the three exported
     # objects, no exported name may appear in a relocation.
     for library in libdnscache libdnscache-linux; do
-        exported "$build/$library.so" > "$work/exported"
-        readelf --wide --relocs "$build/$library.so" | awk 'NF > 4 { sub(/@.*/, "", $5); print $5 }' | sort -u |
-            comm -12 - "$work/exported" | grep -vxE 'file_name|log_file|evtrack_dbg_modname' || continue
-        fail "$library calls these through its host"
+        nm -D --defined-only "$build/$library.so" | awk '{ print $3 }' | sort > "$work/$library"
+        ! readelf --wide --relocs "$build/$library.so" | awk 'NF > 4 { sub(/@.*/, "", $5); print $5 }' | sort -u |
+            comm -12 - "$work/$library" | grep -vxE 'file_name|log_file|evtrack_dbg_modname' ||
+            fail "$library calls these through its host"
     done
+    sort "$work"/libdnscache* > "$work/exported"
+    same "$work/declared" "$work/exported"
     ;;
 abi.needs)
     # The library needs every name of platform/*.h, and otherwise only libc and GLib: no C++ runtime, no initializers.
@@ -160,14 +129,22 @@ abi.floors)
         END { exit wrong || NR < 20 }'
     ;;
 abi.gate | abi.accept)
+    # The ABI is the same on every machine, without the members of records of GLib and libc. Each word size has its own.
     for library in libdnscache libdnscache-linux; do
-        describe $library > "$work/now"
+        kept=$source/tests/abi/$library.$(readelf -h "$build/$library.so" | sed -n 's/.*Class: *ELF//p').abi
+        abidw --exported-interfaces-only --drop-undefined-syms --no-architecture --no-corpus-path --no-comp-dir-path \
+            --no-elf-needed --no-parameter-names --type-id-style hash "$build/$library.so" > "$work/abidw"
+        awk '/<class-decl .*\/usr\/include\/.*[^\/]>$/ {
+                 sub(/>$/, " is-declaration-only=\047yes\047/>"); sub(/ size-in-bits=[^ ]*/, ""); print; foreign = 1 }
+             !foreign
+             /<\/class-decl>/ { foreign = 0 }' "$work/abidw" |
+            sed -E "s/ (filepath|line|column)='[^']*'//g; s, path='$source/, path='," > "$work/now"
         grep -q '<function-decl' "$work/now" || fail "$library.so has no debug information"
         if [ "$case" = abi.accept ]; then
-            cp "$work/now" "$(kept $library)"
-        elif ! abidiff "$(kept $library)" "$work/now"; then
+            cp "$work/now" "$kept"
+        elif ! abidiff "$kept" "$work/now"; then
             # abidiff returns the same status for an addition and for a changed parameter.
-            ! abidiff --no-added-syms "$(kept $library)" "$work/now" > "$work/report" ||
+            ! abidiff --no-added-syms "$kept" "$work/now" > "$work/report" ||
                 fail "$library: added: run scripts/abi-accept"
             fail "$library: incompatible: existing programs break; undo it, or raise SOVERSION first"
         fi
@@ -175,11 +152,8 @@ abi.gate | abi.accept)
     ;;
 abi.golden)
     # Every build writes, byte for byte, the records that a 32-bit build wrote.
-    cd "$work"
-    "$build/tests/shipped/golden" > "$work/trace"
-    for record in request options result; do
-        cmp "$source/tests/abi/golden/$record.bin" "$record.bin"
-    done
+    "$build/tests/shipped/golden" > "$work/trace" 2> "$work/records"
+    (cd "$source/tests/abi/golden" && cat options.bin request.bin result.bin) | cmp - "$work/records"
     ;;
 install.tree)
     # A switch gets only the two libraries.
@@ -187,7 +161,9 @@ install.tree)
     files=$(cd "$work/runtime" && find . ! -type d | sed 's/[.][0-9.]*$//' | sort | paste -sd ' ')
     [ "$files" = './lib/libdnscache-linux.so ./lib/libdnscache-linux.so ./lib/libdnscache.so ./lib/libdnscache.so' ] ||
         fail "a switch gets $files"
-    # The tree works wherever it is moved to, the program without LD_LIBRARY_PATH for its libraries.
+    # The tree works wherever it is moved to, the program without LD_LIBRARY_PATH for its libraries. A build for a
+    # sysroot installs into the sysroot, because pkg-config puts the sysroot before all paths.
+    place=${PKG_CONFIG_SYSROOT_DIR:-$build}/moved
     rm -rf "$place"
     cmake --install "$build" --prefix "$work/first" > "$work/log"
     mv "$work/first" "$place"
@@ -196,27 +172,18 @@ install.tree)
         ls "$place/share/bash-completion/completions/dnscache-lookup" # the shell loads it by this name
     }
     # Only the debug information contains the folder of the build.
-    find "$place" -type f > "$work/files"
-    while read -r file; do
-        objcopy --strip-debug "$file" "$work/stripped" 2> /dev/null || cp "$file" "$work/stripped"
-        ! grep -a -q -e "$build" -e "$source" "$work/stripped" || fail "$file has a path of the build"
-    done < "$work/files"
-    ;;
-install.pkg_config)
-    # Every public header of the source tree is installed, under the name that it has there, and compiles as C and C++.
+    find "$place" -type f -exec objcopy --strip-debug {} \; 2> /dev/null
+    ! grep -r -e "$build" -e "$source" "$place" || fail 'these files have a path of the build'
+    # Every public header of the source tree is installed, under the name that it has there, and compiles as C.
     cd "$source"
+    export PKG_CONFIG_PATH="$place/lib/pkgconfig"
     for header in dnscache/dnscache.h platform/*.h platform/linux/linux_platform.h; do
-        for compiler in "$CC -std=c11 -xc" "$CXX -std=c++20 -xc++"; do
-            echo "#include <$header>" | $compiler -Wall -Wextra -Wpedantic -Werror -fsyntax-only \
-                $(pkg-config --cflags dnscache) -
-        done
+        echo "#include <$header>" | compile -std=c11 -xc -Wpedantic -fsyntax-only $(pkg-config --cflags dnscache) -
     done
     extract README.md
-    compile "$work/host.c" "$work/host" $(pkg-config --cflags --libs dnscache dnscache-linux)
+    compile "$work/host.c" -o "$work/host" $(pkg-config --cflags --libs dnscache dnscache-linux)
     answers "$work/host" "$place/lib"
     [ -e "$place/lib/libdnscache.so.$(pkg-config --modversion dnscache dnscache-linux | uniq)" ] || fail 'wrong version'
-    ;;
-install.cmake)
     # --no-as-needed keeps a library that is linked but not used, so that `needs` finds it.
     project -DCMAKE_PREFIX_PATH="$place" -DCMAKE_EXE_LINKER_FLAGS=-Wl,--no-as-needed
     needs "$work/project/static_host" 'libc.so.6 libdnscache-linux.so.0 libglib-2.0.so.0'
@@ -230,9 +197,10 @@ install.subdirectory)
     ! grep -e -Wall -e -Wextra "$work/commands" || fail 'the project gets our warnings'
     ctest --test-dir "$work/project" --show-only | grep -qx 'Total Tests: 0' || fail 'the project gets our tests'
     ;;
-packages.install)
+packages.debian)
+    packages=$source/build/packages
+    root=$work/root
     env -u CC -u CXX "$source/scripts/package" # with the packages' own compilers
-    rm -rf "$root"
     while IFS=: read -r package depends; do
         dpkg-deb -f "$packages/$package"_*.deb Depends | sed 's/ ([^)]*)//g' > "$work/depends"
         grep -qx "$depends" "$work/depends" || fail "$package depends on $(cat "$work/depends"), not on $depends"
@@ -243,17 +211,13 @@ libdnscache-dev:libdnscache0, libglib2.0-dev
 dnscache-tools:libc6, libdnscache0, libglib2.0-0, libjson-glib-1.0-0
 END
     ! sort "$work/files" | uniq -d | grep . || fail 'these files are in two packages'
-    ;;
-packages.host)
     libraries=$(echo "$root"/usr/lib/*-linux-gnu)
     export PKG_CONFIG_PATH="$libraries/pkgconfig"
     answers "$root/usr/bin/dnscache-lookup" "$libraries"
     said=$(LD_LIBRARY_PATH=$libraries "$root/usr/bin/dnscache-lookup" --version)
     [ "$said" = "dnscache-lookup $(dpkg-deb -f "$packages"/dnscache-tools_*.deb Version)" ] || fail "$said"
-    compile "$root/usr/share/doc/libdnscache-dev/examples/epoll_host.c" "$work/host" \
+    compile "$root/usr/share/doc/libdnscache-dev/examples/epoll_host.c" -o "$work/host" \
         $(pkg-config --cflags --libs dnscache dnscache-linux)
-    ;;
-packages.lintian)
     export TMPDIR="$work" # lintian leaves files there
     lintian --fail-on error,warning "$packages"/*.changes
     lintian --fail-on info --tags hardening-no-bindnow,hardening-no-fortify-functions "$packages"/*.deb
@@ -300,7 +264,7 @@ manual.examples)
             file != "" { print > (folder file) }
             file == "" && sub(/^    /, "") { print > (folder "session") }'
         for program in "$work/$name"/*.c; do
-            [ "$name" = dnscache-lookup.1 ] || compile "$program" "${program%.c}" -I"$source" -L"$build" -ldnscache \
+            [ "$name" = dnscache-lookup.1 ] || compile "$program" -o "${program%.c}" -I"$source" -L"$build" -ldnscache \
                 -ldnscache-linux $(pkg-config --cflags --libs glib-2.0) -Wl,-rpath,"$build"
         done
         (cd "$work/$name" && grep '^\$ ' session | while IFS= read -r line; do
@@ -312,7 +276,7 @@ manual.examples)
     ;;
 manual.porting)
     extract docs/porting.md
-    compile "$work/host.c" "$work/host" -I"$source" -L"$build" -ldnscache "$MEMORY_PLATFORM" \
+    compile "$work/host.c" -o "$work/host" -I"$source" -L"$build" -ldnscache "$MEMORY_PLATFORM" \
         $(pkg-config --cflags --libs glib-2.0) -Wl,-rpath,"$build"
     results=$("$work/host" 2>&1 > /dev/null)
     [ "$results" = '-3, then 0' ] || fail "$results, instead of -3, then 0"

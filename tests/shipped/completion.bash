@@ -1,7 +1,7 @@
 #!/bin/bash
 # completion.bash COMPLETION PROGRAM: check the candidates for command lines, with the hosts below in HOSTFILE.
 # shellcheck disable=SC2317 # functions that the completion calls
-set -u
+set -eu
 export LC_ALL=C
 # shellcheck source=/dev/null
 source "$1"
@@ -10,7 +10,6 @@ function=$(complete -p dnscache-lookup | sed 's/.*-F \([^ ]*\) .*/\1/')
 HOSTFILE=$(mktemp)
 trap 'rm -f "$HOSTFILE"' EXIT
 printf '192.0.2.1 ntp1 ntp2\n192.0.2.3 time.lab\n' > "$HOSTFILE"
-wrong=0
 
 line() { sort | paste -sd ' '; }
 
@@ -22,32 +21,22 @@ expect() {
     COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
     "$function" dnscache-lookup
     actual=$(printf '%s\n' "${COMPREPLY[@]}" | line)
-    [[ $actual == "$2" ]] || { echo "dnscache-lookup $1: '$actual' instead of '$2'"; wrong=1; }
+    [[ $actual == "$2" ]] || { echo "dnscache-lookup $1: '$actual' instead of '$2'"; exit 1; }
 }
 
 dnscache-lookup() { # replaces the program
     [[ $* == --vrfs ]] && printf '%-10d  %-9s  -\n' 0 host 1 namespace 12 device
 }
-while IFS='[]' read -r _ arguments expected; do
-    expect "$arguments" "${expected# }"
-done << 'TABLE'
-[ntp1 n] ntp1 ntp2
-[--v] --verbose --version --vrf --vrfs
-[-V ] 0 1 12
-[--vrf 1] 1 12
-[-jV 1] 1 12
-[--vrf=] 0 1 12
-[--vrf=1] 1 12
-[-V 1 n] ntp1 ntp2
-[--vrf=1 n] ntp1 ntp2
-[-s ]
-[--lifetime=]
-[-jn ]
-[--vrfs ]
-[--vrfs --j] --json
-[-- -]
-[-- n] ntp1 ntp2
-TABLE
+expect 'ntp1 n' 'ntp1 ntp2'
+expect '-jV 1' '1 12'
+expect --vrf= '0 1 12'
+expect --vrf=1 '1 12'
+expect '-s ' ''
+expect --lifetime= ''
+expect '-jn ' ''
+expect '--vrfs ' ''
+expect '--vrfs --j' --json
+expect '-- -' ''
 # With the package bash-completion, hosts come from its own list.
 _known_hosts_real() { COMPREPLY+=("known:$2"); }
 expect n known:n
@@ -55,4 +44,3 @@ expect n known:n
 dnscache-lookup() { "$program" "$@"; }
 expect - "$("$program" --help | sed -n 's/^  \(-.*\)   .*/\1/p' | grep -oE -- '--?[[:alpha:]-]+' | line)"
 expect '-V ' "$("$program" --vrfs -j | jq .vrf | line)"
-exit $wrong
