@@ -8,7 +8,7 @@
 #include "fuzz/fuzz.h"
 #include "platform/memory/memory_platform.h"
 
-struct settings {
+static struct {
     uint8_t handle;
     uint8_t failing_malloc;
     uint8_t times;   /* repetitions, each with another name and handle */
@@ -17,18 +17,17 @@ struct settings {
     uint8_t result;  /* bit 0: the body failed; 1: no buffer; 2: previous record; 3: job service failed */
     int8_t excess;   /* 13 times this is added to the size of the buffer */
     uint8_t then;    /* bit 0: refresh; 1: purge; 2: remove by name; 3: all background jobs end */
-};
+} settings;
 
 static memory_completion blocking; /* the outcome of every blocking job */
-static uint8_t refused;
 
 /* Gives out few handles, so a new job can get the handle of a job that still runs. */
 static uint32_t start_job(memory_job *job)
 {
     job->outcome = &blocking;
     memory.next_handle %= 13;
-    refused = static_cast<uint8_t>(refused << 1 | refused >> 7);
-    return job->in_background && (refused & 1) != 0 ? 0x503 : 0;
+    settings.refused = static_cast<uint8_t>(settings.refused << 1 | settings.refused >> 7);
+    return job->in_background && (settings.refused & 1) != 0 ? 0x503 : 0;
 }
 
 static void check_state()
@@ -43,7 +42,7 @@ static void check_state()
 }
 
 /* A lookup in the foreground gets the same five values. */
-static void complete_and_look_up(const settings &settings, uint32_t handle, server_spawnlet_data_t record)
+static void complete_and_look_up(uint32_t handle, server_spawnlet_data_t record)
 {
     const auto size = static_cast<uint32_t>(int{sizeof record} + settings.excess * 13);
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
@@ -77,13 +76,12 @@ static void run_input(bytes_view input)
     memory.on_start = start_job;
     server_spawnlet_data_t record = {};
     while (!input.empty()) {
-        const auto settings = take<struct settings>(&input);
+        settings = take<decltype(settings)>(&input);
         dns_cache_set_timeout(settings.lifetime);
-        refused = settings.refused;
         if ((settings.result & 4) == 0)
             record = take<server_spawnlet_data_t>(&input);
         for (uint32_t i = 0; i <= settings.times % 80; i++) {
-            complete_and_look_up(settings, settings.handle + i, record);
+            complete_and_look_up(settings.handle + i, record);
             record.serv_id[0] = record.serv_name[0] = static_cast<char>('0' + i);
         }
         record.serv_name[511] = '\0';

@@ -1,7 +1,5 @@
-# discover.cmake: ctest includes it before it lists or runs tests. It adds each test of a program as a case of its own.
-#
-# program: its path; prefix: of the names; launcher: the command that runs it, or empty; properties: of each case.
-# Listing the tests needs no launcher.
+# discover.cmake: adds each test of a program as a case of its own, when ctest lists or runs tests. gtest_program() sets
+# the variables. Listing the tests needs no launcher.
 if(NOT EXISTS "${program}")
     add_test(${prefix}_NOT_BUILT ${prefix}_NOT_BUILT)
     return()

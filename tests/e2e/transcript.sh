@@ -20,10 +20,6 @@ lookup() {
     ASAN_OPTIONS="verify_asan_link_order=0:${ASAN_OPTIONS:-}" SCRIPT_DIR=. LD_PRELOAD=$resolver "$program" "$@"
 }
 
-show() {
-    cat -v | sed 's/"elapsed_us":[1-9][0-9]\{0,8\},/"elapsed_us":#,/' | awk -v prefix="$1" '{ print prefix $0 }'
-}
-
 while IFS= read -r line; do
     case $line in
     '$ '*)
@@ -31,8 +27,8 @@ while IFS= read -r line; do
         folder=$(mktemp -d -p "$work")
         (cd "$folder" && eval "${line#\$ }") > "$work/out" 2> "$work/err" < /dev/null
         status=$?
-        show '' < "$work/out"
-        show '! ' < "$work/err"
+        awk '{ print (FILENAME ~ /err$/ ? "! " : "") $0 }' "$work/out" "$work/err" |
+            cat -v | sed 's/"elapsed_us":[1-9][0-9]\{0,8\},/"elapsed_us":#,/'
         [ $status -eq 0 ] || echo "= $status"
         ;;
     '##'* | '') printf '%s\n' "$line" ;;

@@ -62,34 +62,31 @@ section() {
     MANWIDTH=80 man -E ascii -l "$1" | awk -v heading="$2" '/^[A-Z]/ { inside = $0 == heading; next } inside'
 }
 
-# run_host NAME PRELOAD LINES...: start an example host, wait until it has printed LINES in this order, perhaps with
+# run_host NAME LINES...: start an example host, wait until it has printed LINES in this order, perhaps with
 # others, then terminate it. No call may have blocked. Answers expire after a second, so that its timer is fast.
 run_host() {
-    name=$1 preload=$2
-    shift 2
-    rm -f "$work/lines" "$work/trace" # a child of the last host may still be writing to these
-    mkfifo "$work/lines"
-    ASAN_OPTIONS="verify_asan_link_order=0:${ASAN_OPTIONS:-}" SCRIPT_DIR=$work LD_PRELOAD=$preload \
-        timeout --foreground -k 1 30 "$build/examples/${case#*.}" "$name" 123 0 1 > "$work/trace" 2> "$work/lines" &
+    name=$1
+    shift
+    mkfifo "$work/$name"
+    ASAN_OPTIONS="verify_asan_link_order=0:${ASAN_OPTIONS:-}" SCRIPT_DIR=$work LD_PRELOAD=$RESOLVER \
+        timeout --foreground -k 1 30 "$build/examples/${case#*.}" "$name" 123 0 1 > "$work/trace.$name" 2> "$work/$name" &
     host=$!
-    exec 3< "$work/lines"
+    exec 3< "$work/$name"
     for expected; do
         ! sed -u "/^$name: .*$expected/q 1" <&3 || fail "$name: ended without printing: $expected"
     done
     kill -s TERM "$host"
     stopped=$host host=
     wait "$stopped" || fail "$name: exit status $?"
-    grep -q 'Async Name Resolution Job Forked' "$work/trace" || fail "$name: the trace shows no job"
-    ! grep 'blocking spawnlet' "$work/trace" || fail "$name: the host blocked"
+    grep -q 'Async Name Resolution Job Forked' "$work/trace.$name" || fail "$name: the trace shows no job"
+    ! grep 'blocking spawnlet' "$work/trace.$name" || fail "$name: the host blocked"
 }
 
 case $case in
 abi.exports)
-    # The headers declare what the libraries export, and the packages list it.
+    # The headers declare what the libraries export. (The build of the packages compares it with debian/*.symbols.)
     cat "$source"/dnscache/dnscache.h "$source"/platform/*.h "$source"/platform/linux/linux_platform.h |
         declared > "$work/declared"
-    sed -n 's/^ \(.*\)@Base.*/\1/p' "$source/debian/libdnscache0.symbols" | sort > "$work/listed"
-    same "$work/declared" "$work/listed"
     # A host that defines one of these names must not replace the library's own: except for the three exported
     # objects, no exported name may appear in a relocation.
     for library in libdnscache libdnscache-linux; do
@@ -139,7 +136,6 @@ abi.gate | abi.accept)
              !foreign
              /<\/class-decl>/ { foreign = 0 }' "$work/abidw" |
             sed -E "s/ (filepath|line|column)='[^']*'//g; s, path='$source/, path='," > "$work/now"
-        grep -q '<function-decl' "$work/now" || fail "$library.so has no debug information"
         if [ "$case" = abi.accept ]; then
             cp "$work/now" "$kept"
         elif ! abidiff "$kept" "$work/now"; then
@@ -282,16 +278,15 @@ manual.porting)
     [ "$results" = '-3, then 0' ] || fail "$results, instead of -3, then 0"
     ;;
 examples.*)
-    run_host localhost '' 127.0.0.1
     # Both families, twice: again after they have expired
-    run_host pair.test "$RESOLVER" '192.0.2.1 2001:db8::1' '192.0.2.1 2001:db8::1'
+    run_host pair.test '192.0.2.1 2001:db8::1' '192.0.2.1 2001:db8::1'
     # A later try succeeds, when the name exists. Its script starts at the second call.
     touch "$work/late-fail.test.1"
-    run_host late-fail.test "$RESOLVER" 'Name or service not known' 192.0.2.5
+    run_host late-fail.test 'Name or service not known' 192.0.2.5
     # A job that succeeds without a record leaves nothing in the cache.
-    run_host odd.test "$RESOLVER" 'no usable answer' 'no usable answer'
+    run_host odd.test 'no usable answer' 'no usable answer'
     # While a job never ends, the timer keeps ticking, and a signal terminates the host.
-    run_host stuck.test "$RESOLVER" 'no addresses yet' 'no addresses yet' 'no addresses yet'
+    run_host stuck.test 'no addresses yet' 'no addresses yet' 'no addresses yet'
     ;;
 *)
     fail "unknown test: $case"
