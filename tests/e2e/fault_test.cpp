@@ -4,7 +4,6 @@
  * only the outcome of that call may change, nothing may leak, no job may ask in another VRF, and the next try must
  * be answered.
  */
-#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <array>

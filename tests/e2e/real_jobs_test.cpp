@@ -2,7 +2,6 @@
  * The library on the Linux platform layer, with real forks and the scripted resolver in the children: what it changes
  * in the process that it is linked into, how real jobs end, and the debug log in a hostile environment.
  */
-#include <fcntl.h>
 #include <malloc.h>
 #include <sys/resource.h>
 

@@ -2,7 +2,6 @@
  * Jobs whose process ids are reused by strangers, which belong to no job: the library must signal none of them. The
  * laboratory has its own pid namespace, in which this test chooses the pid of the next process.
  */
-#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include "tests/support/jobs.h"

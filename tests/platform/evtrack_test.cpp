@@ -1,7 +1,5 @@
 #include "platform/evtrack.h"
 
-#include <fcntl.h>
-
 #include "platform/platmgr.h"
 #include "tests/support/jobs.h"
 

@@ -1,6 +1,5 @@
 #include "platform/spawnlet.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <time.h>

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <filesystem>
