@@ -38,7 +38,6 @@ static void run_input(bytes_view input)
     for (const struct addrinfo *node = chain; node != nullptr; node = node->ai_next)
         check_node(*node, record, count++);
     REQUIRE(rc == 0 ? count == std::clamp(record.num_entries, 0, 4) : failing > 0 || record.num_entries == 0);
-    REQUIRE(rc == 0 || count < 4);
     if (chain != nullptr)
         freeaddrinfo(chain);
 }

@@ -1,6 +1,6 @@
 /*
- * fuzz.h: what the targets share. Each target includes it once and defines run_input(), which runs for each input of
- * the fuzzer. Builds without it replay all files of a folder.
+ * fuzz.h: what the targets share. Each target includes it once and defines run_input(), which runs for each input
+ * of the fuzzer. Builds without it replay all files of a folder.
  */
 #undef NDEBUG /* check in release builds, too */
 #include <assert.h>

@@ -1,4 +1,4 @@
-# discover.cmake: adds each test of a program as a case of its own, when ctest lists or runs tests. gtest_program() sets
+# discover.cmake: adds each test of a program as a case of its own when ctest lists or runs tests. gtest_program() sets
 # the variables. Listing the tests needs no launcher.
 if(NOT EXISTS "${program}")
     add_test(${prefix}_NOT_BUILT ${prefix}_NOT_BUILT)

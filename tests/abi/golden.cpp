@@ -1,4 +1,4 @@
-/* golden: write the options, the request and the result of a lookup that continues in the background to standard error. */
+/* golden: write options, request and result of a lookup that continues in the background to standard error. */
 #include <netinet/in.h>
 #include <stdlib.h>
 

@@ -69,7 +69,7 @@ run_host() {
     shift
     mkfifo "$work/$name"
     ASAN_OPTIONS="verify_asan_link_order=0:${ASAN_OPTIONS:-}" SCRIPT_DIR=$work LD_PRELOAD=$RESOLVER \
-        timeout --foreground -k 1 30 "$build/examples/${case#*.}" "$name" 123 0 1 > "$work/trace.$name" 2> "$work/$name" &
+        timeout --foreground -k 1 30 "$build/examples/${case#*.}" "$name" 123 0 1 > "$work/log.$name" 2> "$work/$name" &
     host=$!
     exec 3< "$work/$name"
     for expected; do
@@ -78,8 +78,8 @@ run_host() {
     kill -s TERM "$host"
     stopped=$host host=
     wait "$stopped" || fail "$name: exit status $?"
-    grep -q 'Async Name Resolution Job Forked' "$work/trace.$name" || fail "$name: the trace shows no job"
-    ! grep 'blocking spawnlet' "$work/trace.$name" || fail "$name: the host blocked"
+    grep -q 'Async Name Resolution Job Forked' "$work/log.$name" || fail "$name: the trace shows no job"
+    ! grep 'blocking spawnlet' "$work/log.$name" || fail "$name: the host blocked"
 }
 
 case $case in
