@@ -17,8 +17,7 @@ static void replace_by_stranger(pid_t child)
 {
     ASSERT_TRUE(eventually([child] { return kill(child, 0) != 0; }));
     seen->stranger = 0;
-    const pid_t parent = fork(); /* of the stranger, which must not be reaped as a child of the host */
-    if (parent == 0) {
+    if (fork() == 0) { /* the host must not reap the stranger as its own child */
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         signal(SIGCHLD, SIG_DFL);
         while (seen->stranger == 0) {
@@ -57,28 +56,25 @@ static void expect_stranger_survives()
     ASSERT_TRUE(eventually([] { return seen->stranger == 0; }));
 }
 
-static void replace_children_of_jobs()
-{
-    const uint32_t queue = linux_queue_create();
-    ASSERT_EQ(spawnlet_register_async_q(queue), 0u);
-    signal(SIGCHLD, SIG_IGN);
-    replaces_next_child = true;
-    EXPECT_EQ(run_job(hang, nullptr, 1).code, LINUX_JOB_NO_RESOURCES);
-    expect_stranger_survives();
-    for (const bool ends_early : {true, false}) {
-        start_job(ends_early ? crash : hang, nullptr, 1);
-        const pid_t child = seen->child;
-        if (ends_early)
-            replace_by_stranger(child);
-        poll(nullptr, 0, 1100); /* the host is late: at its first check, the deadline has passed */
-        EXPECT_EQ(next_completion(queue).syserr, ends_early ? LINUX_JOB_NO_RESULT : LINUX_JOB_TIMED_OUT);
-        if (!ends_early)
-            replace_by_stranger(child);
-        expect_stranger_survives();
-    }
-}
-
 TEST(Strangers, WithReusedPidsAreNeverSignalled)
 {
-    alone(replace_children_of_jobs);
+    alone([] {
+        const uint32_t queue = linux_queue_create();
+        ASSERT_EQ(spawnlet_register_async_q(queue), 0u);
+        signal(SIGCHLD, SIG_IGN);
+        replaces_next_child = true;
+        EXPECT_EQ(run_job(hang, nullptr, 1).code, LINUX_JOB_NO_RESOURCES);
+        expect_stranger_survives();
+        for (const bool ends_early : {true, false}) {
+            start_job(ends_early ? crash : hang, nullptr, 1);
+            const pid_t child = seen->child;
+            if (ends_early)
+                replace_by_stranger(child);
+            poll(nullptr, 0, 1100); /* the host is late: at its first check, the deadline has passed */
+            EXPECT_EQ(next_completion(queue).syserr, ends_early ? LINUX_JOB_NO_RESULT : LINUX_JOB_TIMED_OUT);
+            if (!ends_early)
+                replace_by_stranger(child);
+            expect_stranger_survives();
+        }
+    });
 }

@@ -23,11 +23,9 @@ struct question {
 static constexpr question questions_asked[] = {
     {"127.0.0.53", true, false},
     {"::1", true, false},
-    {"10.7.0.53", true, false},
     {"10.8.0.53", true, false},
     {"2001:db8:8::53", true, false},
     {"10.8.0.53", true, true, "out"},
-    {"127.0.0.1", true, true, "lo"},
     {"10.6.0.1", false, true, "vrf6", true},
     {"10.6.0.53", false, false, "vrf6", true},
     {"2001:db8:6::53", false, false, "vrf6", true},
@@ -67,15 +65,15 @@ class Crossing : public testing::Test
 {
   protected:
     /*
-     * Network 7 has addresses of the default VRF, network 8 is behind its routes, network 6 behind those of VRF 6.
-     * The VRF device lacks the usual default route of a VRF, so that the kernel continues with the main table.
+     * Network 8 is behind the routes of the default VRF, network 6 behind those of VRF 6. The VRF device lacks the
+     * usual default route of a VRF, so that the kernel continues with the main table.
      */
     void SetUp() override
     {
         const std::string own = is_vrf ? "in" : "vrf6";
         ASSERT_TRUE(
             shell("for d in vrf6 out in; do ip link add $d arp off type veth peer name peer$d && "
-                  "ip link set $d up && ip link set peer$d up; done; ip address add 10.7.0.53 dev lo; "
+                  "ip link set $d up && ip link set peer$d up; done; "
                   "ip address add 10.8.0.1/24 dev out; ip address add 2001:db8:8::1/64 dev out nodad"));
         ASSERT_TRUE(
             !is_vrf ||
@@ -88,8 +86,8 @@ class Crossing : public testing::Test
 
     void TearDown() override
     {
-        EXPECT_TRUE(shell("for d in vrf6 out in late; do ip link del $d; done 2> /dev/null; "
-                          "ip address del 10.7.0.53 dev lo"));
+        EXPECT_TRUE(shell("ip link del late 2> /dev/null; "
+                          "ip link del vrf6 && ip link del out && ip link del in"));
         close(wires);
     }
 
@@ -109,33 +107,26 @@ class Crossing : public testing::Test
         return found;
     }
 
-    void expect_all_confined()
-    {
-        const auto is_foreign = [](const std::string &name) { return name != "vrf6" && name != "in"; };
-        for (question q : questions_asked)
-            for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
-                SCOPED_TRACE(testing::Message() << q.address << " by " << q.device << ", type " << type);
-                const bool crosses = is_vrf ? q.crosses_vrf : q.crosses_veth;
-                q.type = type;
-                run_job(ask_bound, &q);
-                interfaces seen = used();
-                EXPECT_EQ(std::any_of(seen.begin(), seen.end(), is_foreign), crosses);
-                EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
-                seen = used();
-                EXPECT_FALSE(std::any_of(seen.begin(), seen.end(), is_foreign));
-                EXPECT_TRUE(!seen.empty() || crosses || !q.is_own);
-            }
-    }
-
     const bool is_vrf = shell("ip link show type vrf | grep -q vrf5");
     const int wires = socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK, htons(ETH_P_ALL));
 };
 
 TEST_F(Crossing, NoPacketOfAJobLeavesByAnInterfaceOfAnotherVrf)
 {
-    expect_all_confined();
-    if (is_vrf && shell("for p in udp tcp; do echo 1 > /proc/sys/net/ipv4/${p}_l3mdev_accept; done"))
-        expect_all_confined();
+    const auto is_foreign = [](const std::string &name) { return name != "vrf6" && name != "in"; };
+    for (question q : questions_asked)
+        for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+            SCOPED_TRACE(testing::Message() << q.address << " by " << q.device << ", type " << type);
+            const bool crosses = is_vrf ? q.crosses_vrf : q.crosses_veth;
+            q.type = type;
+            run_job(ask_bound, &q);
+            interfaces seen = used();
+            EXPECT_EQ(std::any_of(seen.begin(), seen.end(), is_foreign), crosses);
+            EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
+            seen = used();
+            EXPECT_FALSE(std::any_of(seen.begin(), seen.end(), is_foreign));
+            EXPECT_TRUE(!seen.empty() || crosses || !q.is_own);
+        }
 }
 
 TEST_F(Crossing, MemberChangesTakeEffectAtTheNextJob)

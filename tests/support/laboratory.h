@@ -55,8 +55,7 @@ static inline std::string look_up(const std::string &name, int vrf)
     struct addrinfo hints = {}, *chain = nullptr;
     const int result = getaddrinfo_async_mq3(name.c_str(), "123", &hints, vrf, &chain);
     const std::string found = addresses_in(chain);
-    if (chain != nullptr)
-        freeaddrinfo(chain);
+    freeaddrinfo(chain);
     return result == 0 ? found : "(" + std::to_string(result) + ")" + found;
 }
 
