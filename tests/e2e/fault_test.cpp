@@ -4,7 +4,6 @@
  * only the outcome of that call may change, nothing may leak, no job may ask in another VRF, and the next try must
  * be answered.
  */
-#include <sys/resource.h>
 
 #include <array>
 #include <filesystem>
@@ -12,14 +11,12 @@
 #include "tests/support/laboratory.h"
 
 static constexpr int SHORT = -1;
-static constexpr rlim_t ENOUGH_FILES = 1024;
 
 /* The planned fault, in memory shared with the jobs. */
 static struct fault_plan {
     char call[20];
     int error, vrf;
     int countdown; /* the call that decrements it from 1 fails */
-    rlim_t files;  /* RLIMIT_NOFILE, until the daemon is to recover */
     bool has_failed;
     bool has_leaked; /* a job has the host's socket, or sees the host's files */
     int refusals;    /* lookups without an answer */
@@ -128,12 +125,6 @@ static bool is_as_before(uint32_t queue, size_t descriptors)
            (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || child.si_pid == 0);
 }
 
-static void limit_files(rlim_t most)
-{
-    const struct rlimit limit = {most, ENOUGH_FILES};
-    require(setrlimit(RLIMIT_NOFILE, &limit) == 0);
-}
-
 static void run_daemon(int vrf)
 {
     /* Jobs inherit the file, but not the socket. */
@@ -144,7 +135,6 @@ static void run_daemon(int vrf)
     host_only_link = link_of(host_only_fd);
     const size_t descriptors = open_descriptors().size();
     const int host_questions = questions(0);
-    limit_files(plan->files);
     uint32_t queue = armed(linux_queue_create);
     if (queue == 0)
         queue = linux_queue_create();
@@ -164,7 +154,6 @@ static void run_daemon(int vrf)
     require(local_cache == nullptr);
     take_completions(queue);
     plan->countdown = 0;
-    limit_files(ENOUGH_FILES);
     require(linux_history_enable(1) == 0);
     if (try_to_look_up("two.lab", vrf) == "(-3)") /* the machine is busy */
         take_completions(queue);
@@ -181,8 +170,7 @@ static void run_daemon(int vrf)
 static void expect_daemon_survives(const fault_plan &planned)
 {
     SCOPED_TRACE(testing::Message() << planned.call << " " << strerror(planned.error) << " at "
-                                    << planned.countdown << ", VRF " << planned.vrf << ", at most "
-                                    << planned.files << " descriptors");
+                                    << planned.countdown << ", VRF " << planned.vrf);
     *plan = planned;
     /* Each daemon must create its own groups and load programs. */
     shell("echo of VRF 1 > /etc/netns/vrf1/hostname; rmdir /sys/fs/cgroup/vrf/* 2> /dev/null");
@@ -202,7 +190,7 @@ static bool is_retried(const std::string &call, int error)
 /* Returns the number of places at which the call has failed. */
 static int sweep(const char *call, int error, int vrf)
 {
-    fault_plan planned = {.error = error, .vrf = vrf, .countdown = 1, .files = ENOUGH_FILES};
+    fault_plan planned = {.error = error, .vrf = vrf, .countdown = 1};
     snprintf(planned.call, sizeof planned.call, "%s", call);
     for (;; planned.countdown++) {
         expect_daemon_survives(planned);
@@ -227,19 +215,4 @@ TEST(Fault, EachSystemCallMayFailOnce)
 {
 #define FAULTY(name, failure, ...) sweep_all(#name, {__VA_ARGS__});
 #include "tests/e2e/faulty_calls.def"
-}
-
-/* Raises the limit from too little for any lookup to enough for all. */
-TEST(Fault, LookupsRecoverWhenDescriptorsAreFree)
-{
-    constexpr int MOST = 40;
-    const int next = dup(STDOUT_FILENO);
-    close(next);
-    for (const int vrf : {0, 1, 5})
-        for (int left = 0; left <= MOST; left++) {
-            const int files = next + 3 + left; /* 3: run_daemon()'s own, and the queue */
-            expect_daemon_survives({.vrf = vrf, .files = static_cast<rlim_t>(files)});
-            EXPECT_TRUE(left > 0 || plan->refusals > 0);
-            EXPECT_TRUE(left < MOST || plan->refusals == 0);
-        }
 }

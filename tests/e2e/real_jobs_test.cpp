@@ -64,12 +64,6 @@ extern "C" int __wrap_stat(const char *path, struct stat *status)
     return __real_stat(path, status);
 }
 
-static std::string own_log()
-{
-    linux_partition_set(static_cast<uint32_t>(getpid()));
-    return "/tmp/dnscache.log." + std::to_string(getpid() & 0xffff);
-}
-
 /* Hygiene: the rows that are measured here must equal those in docs/hygiene.md. */
 
 static linux_completion completion;
@@ -144,14 +138,13 @@ static void expect_in_manual(const row &row)
         change(descriptors, open_descriptors().size()) + change(0, children()) + "- | - | - | - |\n";
     const std::string manual = content_of(HYGIENE);
     EXPECT_NE(manual.find(line), manual.npos) << line;
+    remove(file_name); /* of the debug log */
 }
 
 TEST(HostProcess, ChangesAreThoseInTheHygieneTable)
 {
-    const std::string log = own_log();
     for (const row &row : rows)
         alone([&row] { expect_in_manual(row); });
-    remove(log.c_str());
 }
 
 /* Outcomes of real jobs */
@@ -186,7 +179,15 @@ TEST(RealJobs, LeakNothingInTheHost)
     });
 }
 
-/* The debug log in a hostile environment: a world-writable folder, a size limit, no standard streams */
+/* The debug log in a hostile environment, in a /tmp of its own */
+
+static const std::string log_path = "/tmp/dnscache.log.7";
+
+static void enter_own_tmp()
+{
+    linux_partition_set(7);
+    ASSERT_TRUE(has_own_mounts() && mount("none", "/tmp", "tmpfs", 0, nullptr) == 0);
+}
 
 static bool traces()
 {
@@ -195,73 +196,63 @@ static bool traces()
     return log_file != nullptr;
 }
 
-static bool shell(const std::string &command)
+class Surroundings : public testing::Test
 {
-    return system(("cd /tmp && log=" + own_log() + " && target=/tmp/target.$PPID && " + command).c_str()) ==
-           0;
-}
+    void SetUp() override
+    {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "mounting needs root";
+    }
+};
 
-TEST(Surroundings, PlantedLogFileIsNotUsed)
+TEST_F(Surroundings, LogIsNotOpenedWhereOthersPlantedOrCouldReplaceIt)
 {
-    const std::pair<const char *, bool> cases[] = {
-        {"ln -s $target $log", false},
-        {"ln -s /tmp/nowhere.$PPID $log", false},
-        {"ln $target $log", false},
+    const std::pair<std::string, bool> cases[] = {
+        {"mount -t tmpfs -o mode=0755 none /tmp", true},
+        {"mount -t tmpfs -o mode=0777 none /tmp", false},
+        {"mount -t tmpfs -o mode=0775 none /tmp", false},
+        {"mount -t tmpfs -o uid=65534 none /tmp", false},
+        {"ln -s /tmp/target $log", false},
+        {"ln -s /tmp/nowhere $log", false},
+        {"ln /tmp/target $log", false},
         {"mkfifo $log", false},
         {"mkdir $log", false},
-        {"mknod $log c 1 3", true},
-        {"touch $log && chown 65534 $log", true},
+        {"mknod $log c 1 3", false},
+        {"touch $log && chown 65534 $log", false},
     };
-    for (const auto &[plant, needs_root] : cases) {
-        SCOPED_TRACE(plant);
-        if (needs_root && geteuid() != 0)
-            continue;
-        ASSERT_TRUE(shell("rm -rf $log && : > $target && " + std::string(plant)));
-        alone([] {
+    for (const auto &[plant, is_safe] : cases)
+        alone([plant = plant, is_safe = is_safe] {
+            enter_own_tmp();
+            ASSERT_EQ(system(("touch /tmp/target; log=" + log_path + "; " + plant).c_str()), 0);
             alarm(20); /* opening a FIFO waits for a reader */
-            EXPECT_FALSE(traces());
+            EXPECT_EQ(traces(), is_safe) << plant;
+            EXPECT_EQ(system("test ! -s /tmp/target -a ! -e /tmp/nowhere"), 0) << plant;
         });
-        EXPECT_TRUE(shell("test ! -s $target -a ! -e /tmp/nowhere.$PPID && rm -r $target $log"));
-    }
 }
 
-TEST(Surroundings, LogIsAppendedToAndKeptOffDescriptors0To2)
+TEST_F(Surroundings, LogIsAppendedToAndKeptOffDescriptors0To2)
 {
-    ASSERT_TRUE(shell("rm -rf $log"));
-    for (int line = 0; line < 2; line++)
-        alone([] {
-            close(STDIN_FILENO);
-            close(STDOUT_FILENO);
-            EXPECT_TRUE(traces() && fileno(log_file) > STDERR_FILENO);
-            EXPECT_TRUE(fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(STDOUT_FILENO, F_GETFD) < 0);
-        });
-    EXPECT_TRUE(shell("test $(wc -l < $log) = 2 && rm $log"));
+    alone([] {
+        enter_own_tmp();
+        std::ofstream(log_path) << "first line\n";
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        EXPECT_TRUE(traces() && fileno(log_file) > STDERR_FILENO);
+        EXPECT_TRUE(fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(STDOUT_FILENO, F_GETFD) < 0);
+        EXPECT_EQ(content_of(log_path).find("get_sock_in_addr"), strlen("first line\n"));
+    });
 }
 
-TEST(Surroundings, FileSizeLimitOnlyLosesLogText)
+TEST_F(Surroundings, FileSizeLimitOnlyLosesLogText)
 {
-    const std::string log = own_log();
-    alone([&] {
+    alone([] {
+        enter_own_tmp();
         const struct rlimit limit = {200, 200};
         setrlimit(RLIMIT_FSIZE, &limit);
         freopen("/dev/null", "w", stdout);
         for (int i = 0; i < 20; i++)
             traces();
-        EXPECT_EQ(content_of(log).size(), 200u);
-        EXPECT_TRUE(truncate(file_name, 0) == 0 && traces() && !content_of(log).empty());
+        EXPECT_EQ(content_of(log_path).size(), 200u);
+        EXPECT_TRUE(truncate(file_name, 0) == 0 && traces() && !content_of(log_path).empty());
     });
-    remove(log.c_str());
-}
-
-TEST(Surroundings, NoLogWhereOthersCouldReplaceIt)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to mount folders for the log";
-    const std::pair<const char *, bool> cases[] = {
-        {"mode=0755", true}, {"mode=0777", false}, {"mode=0775", false}, {"uid=65534", false}};
-    for (const auto &[options, is_safe] : cases)
-        alone([options = options, is_safe = is_safe] {
-            ASSERT_TRUE(has_own_mounts() && mount("none", "/tmp", "tmpfs", 0, options) == 0);
-            EXPECT_EQ(traces(), is_safe) << options;
-        });
 }
