@@ -1,7 +1,6 @@
 /*
  * completion.cpp: completions with five arbitrary values, then the calls that use what they left in the cache. For
  * each, the input holds eight bytes of settings and a record, or only settings, which reuse the previous record.
- * decode.cpp checks what the chains contain.
  */
 #include "dnscache/dnscache.h"
 #include "dnscache/state.h"
@@ -41,19 +40,43 @@ static void check_state()
     REQUIRE(running_jobs == static_cast<int32_t>(g_list_length(job_list)) && running_jobs <= MAX_SPAWNLETS);
 }
 
+/* Reads every byte that a caller may read, after the record is gone: the chain must not point into it. */
+static void decode(server_spawnlet_data_t record)
+{
+    const server_spawnlet_data_t copy = record;
+    struct addrinfo *chain = nullptr;
+    server_spawnlet_data_display(&record);
+    failing_malloc = settings.failing_malloc;
+    const int rc = get_res_back(&record, &chain);
+    failing_malloc = 0;
+    memset(&record, 0, sizeof record);
+    int count = 0;
+    for (const struct addrinfo *node = chain; node != nullptr; node = node->ai_next, count++) {
+        const bool ipv6 = node->ai_family == AF_INET6;
+        const size_t slot = ipv6 ? 32 : 16;
+        REQUIRE(node->ai_addrlen <= slot);
+        REQUIRE(memcmp(node->ai_addr, ipv6 ? copy.addr6[count] : copy.addr[count], slot) == 0);
+        REQUIRE(node->ai_canonname == nullptr || strlen(node->ai_canonname) <= 64);
+    }
+    REQUIRE(count <= 4 && (rc == 0 || settings.failing_malloc > 0 || copy.num_entries == 0));
+    if (chain != nullptr)
+        freeaddrinfo(chain);
+}
+
 /* A lookup in the foreground gets the same five values. */
 static void complete_and_look_up(uint32_t handle, server_spawnlet_data_t record)
 {
     const auto size = static_cast<uint32_t>(int{sizeof record} + settings.excess * 13);
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
     std::vector<uint8_t> block(bytes, bytes + std::min<size_t>(size, sizeof record));
+    record.serv_name[511] = record.service[11] = '\0';
+    decode(record);
     blocking = {.syserr = (settings.result & 8) != 0 ? 0x501u : 0,
                 .ret_info = (settings.result & 2) != 0 ? nullptr : block.data(),
                 .ret_info_size = size,
                 .ret_syserr = -(settings.result & 1)};
     failing_malloc = settings.failing_malloc;
     dnscache_spawnletcb_job_done(handle, blocking.syserr, blocking.ret_info, size, blocking.ret_syserr);
-    record.serv_name[511] = record.service[11] = '\0';
     const struct addrinfo hints = {};
     struct addrinfo *chain = nullptr;
     const int rc = getaddrinfo_async_mq3(record.serv_name, record.service, &hints, record.vrf, &chain);
