@@ -51,22 +51,3 @@ TEST(VrfNscd, ForgetsOnlySharedTables)
     });
     std::filesystem::remove_all(top);
 }
-
-TEST(Vrf, ListingAndBindingLeakNoDescriptor)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "mounting needs root";
-    alone([] {
-        ASSERT_TRUE(has_own_mounts() && mount("none", "/run", "tmpfs", 0, nullptr) == 0);
-        ASSERT_EQ(mount("none", "/etc", "tmpfs", 0, nullptr), 0);
-        std::filesystem::create_directory(LINUX_VRF_NAMESPACES);
-        std::filesystem::create_symlink("/proc/self/ns/net", LINUX_VRF_NAMESPACES "/vrf5");
-        const size_t before = open_descriptors().size();
-        size_t count = 0;
-        const linux_vrf *list = linux_vrf_list(&count);
-        ASSERT_EQ(count, 2u);
-        EXPECT_TRUE(list[1].vrf == 5 && list[1].kind == LINUX_VRF_NAMESPACE);
-        EXPECT_EQ(nsbind_set_global_context(5), 0);
-        EXPECT_EQ(open_descriptors().size(), before);
-    });
-}

@@ -1,12 +1,6 @@
 /*
- * scenario_test.cpp: runs the *.scenario files of this folder, each named like the source file that it tests. A section
- * is a test: "## " and its title, then commands after "> ", each followed by what the library does: jobs and other
- * platform calls, and after "= " its results, and the cache and the job list if they have changed. A command after
- * ">> " shows trace messages, too, by sink (H history, B debug, F log file, P standard output; "HP": the same text in
- * both); one with messages=PATTERN shows those that match it, such as the name of a function. HOST:SERVICE:VRF says
- * whom a command is about, NAME=VALUE sets a field or an argument. Line numbers and addresses read "#", more than 20
- * equal characters "x*600", unprintable bytes "\x00"; equal lines are counted. `unit_tests --accept` writes what it saw
- * into the files: read it before you keep it.
+ * scenario_test.cpp: runs the *.scenario files of this folder, each named like the source file that it tests.
+ * tests/README.md explains how to read and write them.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -587,14 +581,15 @@ static void run(command c)
 
 /* Running the sections */
 
-/* The log, with equal lines counted; of messages, and of the calls of rtctx, what the pattern matches. */
+/* The log, with equal lines counted; of messages, starts of jobs and calls of rtctx, what the pattern matches. */
 static std::string shown(const std::string &pattern)
 {
     std::string all, last;
     size_t times = 0;
     for (const log_line &line : fake.log) {
-        const bool is_detail = !line.sinks.empty() || line.text.starts_with("rtctx");
-        if (is_detail && !std::regex_search(line.place + line.text, std::regex(pattern)))
+        const bool is_call = line.text.starts_with("rtctx") || line.text.starts_with("fork");
+        if ((is_call || !line.sinks.empty()) &&
+            !std::regex_search(line.place + line.text, std::regex(pattern)))
             continue;
         const std::string next =
             masked(line.sinks + (line.sinks.empty() ? "" : " ") + line.place + line.text);
