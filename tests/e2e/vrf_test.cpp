@@ -10,31 +10,24 @@
 #include "platform/nsbind.h"
 #include "tests/support/laboratory.h"
 
-/*
- * The host's nscd has cached the name from a hosts file. A process that has asked it once, as this one has, keeps its
- * table mapped.
- */
-static std::string poison_nscd()
-{
-    struct addrinfo *chain = nullptr;
-    EXPECT_TRUE(
-        shell("mkdir /run/nscd && echo 'enable-cache hosts yes\ncheck-files hosts no\nshared hosts yes\n"
-              "persistent hosts no\npositive-time-to-live hosts 3600' > /etc/nscd.conf && "
-              "echo 203.0.113.66 time.lab >> /etc/hosts && " NSCD " && getent ahosts time.lab && "
-              "sed -i /time.lab/d /etc/hosts"));
-    getaddrinfo("time.lab", nullptr, nullptr, &chain);
-    const std::string answer = addresses_in(chain);
-    freeaddrinfo(chain);
-    return answer;
-}
-
 class Vrf : public testing::Test
 {
   protected:
-    void SetUp() override
+    /*
+     * The host's nscd has cached the name from a hosts file. A process that has asked it once, as this one does, keeps
+     * its table mapped.
+     */
+    static void SetUpTestSuite()
     {
-        static const std::string answer = poison_nscd();
-        ASSERT_EQ(answer, "203.0.113.66") << "nscd does not answer";
+        struct addrinfo *chain = nullptr;
+        EXPECT_TRUE(shell(
+            "mkdir -p /run/nscd && echo 'enable-cache hosts yes\ncheck-files hosts no\nshared hosts yes\n"
+            "persistent hosts no\npositive-time-to-live hosts 3600' > /etc/nscd.conf && "
+            "echo 203.0.113.66 time.lab >> /etc/hosts && " NSCD " && getent ahosts time.lab && "
+            "sed -i /time.lab/d /etc/hosts"));
+        getaddrinfo("time.lab", nullptr, nullptr, &chain);
+        ASSERT_EQ(addresses_in(chain), "203.0.113.66") << "nscd does not answer";
+        freeaddrinfo(chain);
     }
 };
 
@@ -90,16 +83,6 @@ extern "C" long __wrap_syscall(long number, long a, long b, long c)
     return -1;
 }
 
-static void bind_to_vrf_1()
-{
-    nsbind_set_global_context(1);
-}
-
-static void break_folder_to_hide()
-{
-    shell("mount -t tmpfs none /var/lib; mkdir /var/lib/sss; touch /var/lib/sss/pipes");
-}
-
 static constexpr char things_that_are_no_vrfs[] =
     "cd /run/netns; mkfifo vrf9; "
     "cd /etc/netns; for v in 14 15 16; do ip netns add vrf$v; mkdir vrf$v; done; "
@@ -122,8 +105,9 @@ static constexpr struct bind_fault {
     {1, "vrf1: Operation not permitted", drop_privilege},
     {5, "mounting the unified hierarchy of control groups: Operation not permitted", drop_privilege},
     {5, "asking for programs (needs CAP_NET_ADMIN): Input/output", [] { query_fails = true; }},
-    {2, "bound before: Device or resource busy", bind_to_vrf_1},
-    {2, "hiding /var/lib/sss/pipes: Not a directory", break_folder_to_hide},
+    {2, "bound before: Device or resource busy", [] { nsbind_set_global_context(1); }},
+    {2, "hiding /var/lib/sss/pipes: Not a directory",
+     [] { shell("mount -t tmpfs none /var/lib; mkdir /var/lib/sss; touch /var/lib/sss/pipes"); }},
 };
 
 static ino_t own_network()

@@ -37,8 +37,7 @@ expect '-jn ' ''
 expect '--vrfs ' ''
 expect '--vrfs --j' --json
 expect '-- -' ''
-# With the package bash-completion, hosts come from its own list.
-_known_hosts_real() { COMPREPLY+=("known:$2"); }
+_known_hosts_real() { COMPREPLY+=("known:$2"); } # of the package bash-completion
 expect n known:n
 # The options and VRFs are those that the program prints.
 dnscache-lookup() { "$program" "$@"; }
