@@ -114,19 +114,24 @@ class Crossing : public testing::Test
 TEST_F(Crossing, NoPacketOfAJobLeavesByAnInterfaceOfAnotherVrf)
 {
     const auto is_foreign = [](const std::string &name) { return name != "vrf6" && name != "in"; };
-    for (question q : questions_asked)
-        for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
-            SCOPED_TRACE(testing::Message() << q.address << " by " << q.device << ", type " << type);
-            const bool crosses = is_vrf ? q.crosses_vrf : q.crosses_veth;
-            q.type = type;
-            run_job(ask_bound, &q);
-            interfaces seen = used();
-            EXPECT_EQ(std::any_of(seen.begin(), seen.end(), is_foreign), crosses);
-            EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
-            seen = used();
-            EXPECT_FALSE(std::any_of(seen.begin(), seen.end(), is_foreign));
-            EXPECT_TRUE(!seen.empty() || crosses || !q.is_own);
-        }
+    for (const std::string accept : {"0", "1"}) {
+        EXPECT_TRUE(
+            shell("for p in udp tcp; do echo " + accept + " > /proc/sys/net/ipv4/${p}_l3mdev_accept; done") ||
+            !is_vrf);
+        for (question q : questions_asked)
+            for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+                SCOPED_TRACE(testing::Message() << q.address << " by " << q.device << ", type " << type);
+                const bool crosses = is_vrf ? q.crosses_vrf : q.crosses_veth;
+                q.type = type;
+                run_job(ask_bound, &q);
+                interfaces seen = used();
+                EXPECT_EQ(std::any_of(seen.begin(), seen.end(), is_foreign), crosses);
+                EXPECT_EQ(run_job(ask_in_vrf, &q).result, 0);
+                seen = used();
+                EXPECT_FALSE(std::any_of(seen.begin(), seen.end(), is_foreign));
+                EXPECT_TRUE(!seen.empty() || crosses || !q.is_own);
+            }
+    }
 }
 
 TEST_F(Crossing, MemberChangesTakeEffectAtTheNextJob)

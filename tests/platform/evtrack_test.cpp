@@ -1,6 +1,5 @@
 #include "platform/evtrack.h"
 
-#include "platform/platmgr.h"
 #include "tests/support/jobs.h"
 
 static void record(const std::string &text)
@@ -64,8 +63,5 @@ TEST(Evtrack, DebugPrintWritesOneLinePerMessageIfThereIsAReader)
         errno = 0;
         EXPECT_LT(dbgemit(1, &evtrack_dbg_modname, 0, "write() fails"), 0);
         EXPECT_EQ(errno, 0);
-        EXPECT_EQ(platmgr_partition_get(), 0u);
-        linux_partition_set(70000);
-        EXPECT_EQ(platmgr_partition_get(), 70000u);
     });
 }
