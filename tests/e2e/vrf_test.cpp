@@ -14,8 +14,8 @@ class Vrf : public testing::Test
 {
   protected:
     /*
-     * The host's nscd has cached the name from a hosts file. A process that has asked it once, as this one does, keeps
-     * its table mapped.
+     * The host's nscd has cached the name from a hosts file. A process that has asked it once, as this one does,
+     * keeps its table mapped.
      */
     static void SetUpTestSuite()
     {

@@ -58,9 +58,11 @@ TEST(Spawnlet, RefusesBadArgumentsAndProcessesBeyondTheLimit)
         resized.record_size = 40;
         EXPECT_EQ(run_job(nullptr).code, LINUX_JOB_BAD_ARGUMENT);
         EXPECT_EQ(run_job(nothing, nullptr, -1).code, LINUX_JOB_BAD_ARGUMENT);
-        for (const job_options *options : {static_cast<const job_options *>(nullptr), &std::as_const(resized)})
-            EXPECT_EQ(spawnlet_fork_fp_async(nothing, nullptr, 1, options, nullptr, nullptr, nullptr, &handle),
-                      LINUX_JOB_BAD_ARGUMENT);
+        for (const job_options *options :
+             {static_cast<const job_options *>(nullptr), &std::as_const(resized)})
+            EXPECT_EQ(
+                spawnlet_fork_fp_async(nothing, nullptr, 1, options, nullptr, nullptr, nullptr, &handle),
+                LINUX_JOB_BAD_ARGUMENT);
         EXPECT_EQ(start_code(nullptr), LINUX_JOB_BAD_ARGUMENT);
         EXPECT_EQ(spawnlet_done("x", 1), -1); /* not in a child */
         EXPECT_EQ(run_job([](void *) { return static_cast<int>(run_job(crash).code); }).result,
