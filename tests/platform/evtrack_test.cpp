@@ -21,7 +21,6 @@ TEST(Evtrack, HistoryKeepsTheLatestRecordsOfAllProcesses)
 {
     alone([] {
         EXPECT_NE(evtrack_hist_event_subtype_check(0x730000, 101), 0);
-        record("off");
         EXPECT_EQ(linux_history_enable(1), 0);
         EXPECT_EQ(evtrack_hist_event_subtype_check(0x730000, 101), 0);
         record("parent");

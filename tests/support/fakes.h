@@ -34,8 +34,8 @@ struct fake_world {
 
     /* set by the test: what the fakes do and return */
     long marker = 1, fopen_fails, syserr, async_syserr, ret_syserr, resolver_result;
-    long now = 1000;
-    long failing_malloc; /* N: the N-th malloc() from now fails; 0: none */
+    long now = 1000, folder_mode = 0755; /* of the folder of the debug log */
+    long failing_malloc;                 /* N: the N-th malloc() from now fails; 0: none */
     std::vector<unsigned char> ret_info;
     bool loses_buffer; /* the job service returns a size, but no buffer */
     struct addrinfo *resolver_answer;
@@ -293,6 +293,13 @@ int __wrap_stat(const char *path, struct stat *status)
     if (strcmp(path, "/bootflash/.enable_dns_debugs") != 0)
         return __real_stat(path, status);
     return fake.marker ? 0 : -1;
+}
+
+int __wrap_fstatat(int, const char *, struct stat *folder, int)
+{
+    *folder = {};
+    folder->st_mode = static_cast<mode_t>(fake.folder_mode);
+    return 0;
 }
 
 /* The library can always create its debug log. */

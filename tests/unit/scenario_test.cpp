@@ -566,10 +566,10 @@ static const command_map calls = {
 /* Any command may change settings of the fakes, too. */
 static void run(command c)
 {
-    static const field_table settings =
-        TABLE_OF(fake.marker, fake.fopen_fails, fake.syserr, fake.async_syserr, fake.ret_syserr,
-                 fake.resolver_result, fake.now, fake.failing_malloc, memory.partition, memory.rtctx_fails,
-                 memory.register_code, memory.history_subtype, memory.debug_flag, running_jobs);
+    static const field_table settings = TABLE_OF(
+        fake.marker, fake.fopen_fails, fake.syserr, fake.async_syserr, fake.ret_syserr, fake.resolver_result,
+        fake.now, fake.failing_malloc, fake.folder_mode, memory.partition, memory.rtctx_fails,
+        memory.register_code, memory.history_subtype, memory.debug_flag, running_jobs);
     set_fields(&c, settings);
     if (preparations.count(c.words[0]) != 0)
         return preparations.at(c.words[0])(c);
