@@ -295,10 +295,10 @@ int __wrap_stat(const char *path, struct stat *status)
     return fake.marker ? 0 : -1;
 }
 
-int __wrap_fstatat(int, const char *, struct stat *folder, int)
+int __wrap_fstatat(int, const char *path, struct stat *folder, int)
 {
-    *folder = {};
-    folder->st_mode = static_cast<mode_t>(fake.folder_mode);
+    EXPECT_STREQ(path, "/tmp");
+    *folder = {.st_mode = static_cast<mode_t>(fake.folder_mode)};
     return 0;
 }
 
