@@ -21,10 +21,10 @@ class Vrf : public testing::Test
     {
         struct addrinfo *chain = nullptr;
         EXPECT_TRUE(shell(
-            "mkdir -p /run/nscd && echo 'enable-cache hosts yes\ncheck-files hosts no\nshared hosts yes\n"
-            "persistent hosts no\npositive-time-to-live hosts 3600' > /etc/nscd.conf && "
+            "[ -d /run/nscd ] || { mkdir /run/nscd && echo 'enable-cache hosts yes\ncheck-files hosts no\n"
+            "shared hosts yes\npersistent hosts no\npositive-time-to-live hosts 3600' > /etc/nscd.conf && "
             "echo 203.0.113.66 time.lab >> /etc/hosts && " NSCD " && getent ahosts time.lab && "
-            "sed -i /time.lab/d /etc/hosts"));
+            "sed -i /time.lab/d /etc/hosts; }"));
         getaddrinfo("time.lab", nullptr, nullptr, &chain);
         ASSERT_EQ(addresses_in(chain), "203.0.113.66") << "nscd does not answer";
         freeaddrinfo(chain);
